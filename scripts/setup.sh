@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the project builds and tests with, if missing.
+# Usage: scripts/setup.sh [extra-package ...]
+set -euo pipefail
+packages=(cmake ninja-build g++ clang pkg-config libgtest-dev libsndfile1-dev libsoxr-dev "$@")
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+echo "setup: installing ${missing[*]}"
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

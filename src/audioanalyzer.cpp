@@ -1,0 +1,328 @@
+#include "audioanalyzer.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+
+namespace oku {
+
+namespace {
+
+// dBFS of one quantisation step, the floor of every dBFS level: 20 log10(1 / 32768).
+const double kdBFSOfOneStep = 20.0 * std::log10(1.0 / 32768.0);
+
+// Truncation toward zero that saturates instead of overflowing (NaN gives 0):
+// settings are not range-checked, and a conversion must never be undefined.
+int TruncateToInt(double x)
+{
+    if (!(x == x))
+        return 0;
+    if (x >= 2147483647.0)
+        return INT_MAX;
+    if (x <= -2147483648.0)
+        return INT_MIN;
+    return static_cast<int>(x);
+}
+
+}  // namespace
+
+double AnalyzerVolumeMeter::GetVolumedBFSPct() const
+{
+    return (_volumedBFS - kdBFSOfOneStep) / -kdBFSOfOneStep * 100.0;
+}
+
+AudioAnalyzer::AudioAnalyzer(const std::string& keyValuePairs, double samplingRate, bool supplyFrameData)
+    : _highpassFilter(samplingRate),
+      _supplyFrameData(supplyFrameData),
+      _standardFrameSizeMs(20.0),
+      _samplingRate(samplingRate),
+      _histogram(Parameters())
+{
+    _samplesPerFrame = static_cast<int>(_standardFrameSizeMs * samplingRate / 1000);
+    _frameSizeMs = _samplesPerFrame / samplingRate * 1000;
+    _eosTimeoutMs = 420;
+    UpdateParameters(keyValuePairs);
+    Reset();
+}
+
+void AudioAnalyzer::UpdateParameters(const std::string& keyValuePairs)
+{
+    _parameters = Parameters(keyValuePairs);
+    _speechWindowSize = GetNumFrames(_parameters.Get<int>("SpeechWindowSizeMs", 200));
+    _speechWindowFraction = _parameters.Get<double>("SpeechWindowFraction", 0.3);
+    if (_parameters.Exists("EOSTimeoutMs"))
+        _eosTimeoutMs = _parameters.Get<int>("EOSTimeoutMs");
+    _numPauseFrames = GetNumFrames(_eosTimeoutMs);
+
+    Parameters par = _parameters;
+    const int windowFrames = GetNumFrames(_parameters.Get<int>("HistogramWindowSizeMs", 2000));
+    if (windowFrames < 1 || static_cast<unsigned int>(windowFrames) > EnergyHistogram::kMaxWindowSize)
+        throw std::invalid_argument("HistogramWindowSizeMs must give 1 to 16777216 frames");
+    par.Set<int>("WindowSize", windowFrames);
+    par.Set<int>("MinWindowSize", GetNumFrames(_parameters.Get<int>("HistogramMinWindowSizeMs", 800)));
+    _histogram.UpdateParameters(par);
+
+    _maxDecayRateDbPerDs = _parameters.Get<double>("MaxDecayRateDbPerDs", 48.0);
+    _fullScaleSNR = _parameters.Get<double>("FullScaleSNR", 24.0);
+    _tooNoisyLeveldBFS = _parameters.Get<double>("TooNoisyLeveldBFS", -25.0);
+    _tooLoudAlignmentLeveldBFS = _parameters.Get<double>("TooLoudAlignmentLeveldBFS", -12.0);
+    _tooSoftWindowSizeMs = _parameters.Get<double>("TooSoftWindowSizeMs", 2000.0);
+    _tooSoftSNR = _parameters.Get<double>("TooSoftSNR", 18.0);
+    _minRecordingLeveldBFS = _parameters.Get<double>("MinRecordingLeveldBFS", -54.0);
+}
+
+void AudioAnalyzer::Reset()
+{
+    _highpassFilter.Reset();
+    _histogram.Reset();
+    _energyWindow.assign(kRingSize, 0.0);
+    _audioFrames.assign(kRingSize, AudioData());
+    _audioBuffer.clear();
+    _pauseCounter = 0;
+    _readIndex = 0;
+    _writeIndex = 0;
+    _frameIndex = 0;
+    _state = Pause;
+    _speechStartIndex = 0;
+    _prevVolumedBFS = 0.0;
+    _prevSNRVolume = 0.0;
+}
+
+void AudioAnalyzer::SetEOSTimeout(int timeoutMs)
+{
+    _eosTimeoutMs = timeoutMs;
+    _numPauseFrames = GetNumFrames(timeoutMs);
+}
+
+int AudioAnalyzer::GetNumFrames(int ms) const
+{
+    // |ms| / 19.95 always fits an int, so the truncation is defined for every input.
+    return static_cast<int>(ms / _frameSizeMs + 0.5);
+}
+
+void AudioAnalyzer::Process(const AudioData& audioData)
+{
+    _audioBuffer.insert(_audioBuffer.end(), audioData.begin(), audioData.end());
+    const std::size_t samplesPerFrame = static_cast<std::size_t>(_samplesPerFrame);
+    std::size_t i = 0;
+    if (_audioBuffer.size() >= samplesPerFrame) {
+        AudioData frame(samplesPerFrame);
+        for (; i + samplesPerFrame <= _audioBuffer.size(); i += samplesPerFrame) {
+            std::copy(_audioBuffer.begin() + i, _audioBuffer.begin() + i + samplesPerFrame, frame.begin());
+            ProcessFrame(frame);
+        }
+    }
+    GenerateVolumeMeterResult(_audioBuffer.begin(), _audioBuffer.begin() + i);
+    _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + i);
+}
+
+void AudioAnalyzer::ProcessFrame(AudioData& frame)
+{
+    const int slot = _writeIndex % kRingSize;
+    if (_supplyFrameData)
+        _audioFrames[slot].assign(frame.begin(), frame.end());
+    _highpassFilter.Filter(frame.begin(), frame.end());
+    const double energy = ComputeEnergy(frame.begin(), frame.end());
+    _histogram.Update(energy);
+    _energyWindow[slot] = energy;
+    ++_writeIndex;
+    if (_histogram.IsThresholdComputed() || _writeIndex >= kRingSize)
+        Process(_writeIndex - 1);
+}
+
+double AudioAnalyzer::ComputeEnergy(AudioData::const_iterator first, AudioData::const_iterator last) const
+{
+    // Every square is below 2^31 and a frame has at most 441 samples, so the
+    // sum is an exact integer in double precision whatever the order.
+    double sum = 0.0;
+    std::size_t count = 0;
+    for (; first != last; ++first, ++count) {
+        const double s = *first;
+        sum += s * s;
+    }
+    if (count != 0)
+        sum /= static_cast<double>(count);
+    return sum > 1.0 ? 10.0 * std::log10(sum) : 0.0;
+}
+
+void AudioAnalyzer::Process(int index)
+{
+    while (_readIndex < index) {
+        const int r = _readIndex;
+        if (_state == Pause) {
+            GenerateFrameResults(r - _speechWindowSize);
+            if (DetectSpeech()) {
+                _state = Speech;
+                _pauseCounter = 0;
+                _speechStartIndex = r;
+                const double t = _frameIndex * GetFrameSizeMs();
+                GenerateEventResult(t, AnalyzerEvent::AboveVOR);
+                GenerateEventResult(t, AnalyzerEvent::SpeechStart);
+                GenerateFrameResults(r);
+            }
+        } else if (DetectPause()) {
+            const double t = _frameIndex * GetFrameSizeMs();
+            GenerateEventResult(t, AnalyzerEvent::BelowVOR);
+            GenerateEventResult(t, AnalyzerEvent::SpeechEnd);
+            _state = Pause;
+        } else {
+            GenerateFrameResults(r - _numPauseFrames / 3);
+        }
+        ++_readIndex;
+    }
+}
+
+bool AudioAnalyzer::DetectSpeech()
+{
+    const double energyThreshold = _histogram.GetThreshold(false);
+    const long long r = _readIndex;
+    const long long stop = std::max(r - _speechWindowSize, -1LL);
+    // The window (stop, r] may be longer than the ring; frames then wrap onto
+    // the same slots, so count whole turns of the ring at once.
+    const long long length = r - stop;
+    long long n = 0;
+    if (length >= kRingSize) {
+        long long loudInRing = 0;
+        for (int i = 0; i < kRingSize; ++i)
+            loudInRing += _energyWindow[i] >= energyThreshold;
+        n = loudInRing * (length / kRingSize);
+    }
+    for (long long i = r; i > r - length % kRingSize; --i)
+        n += _energyWindow[static_cast<std::size_t>(i % kRingSize)] >= energyThreshold;
+    return static_cast<double>(n) >= _speechWindowSize * _speechWindowFraction;
+}
+
+bool AudioAnalyzer::DetectPause()
+{
+    const double energyThreshold = _histogram.GetThreshold(true);
+    const int r = _readIndex;
+    const int a = std::max(r - 1, 0);
+    const int b = std::min(r + 1, _writeIndex);
+    double sum = 0.0;
+    for (int i = a; i < b; ++i)
+        sum += _energyWindow[i % kRingSize];
+    const double smoothedEnergy = sum / (b - a);
+    if (smoothedEnergy < energyThreshold) {
+        ++_pauseCounter;
+        return _pauseCounter >= _numPauseFrames;
+    }
+    _pauseCounter = 0;
+    return false;
+}
+
+void AudioAnalyzer::GenerateEventResult(double timeMs, AnalyzerEvent::EventTag tag)
+{
+    _resultDeque.push_back(std::make_shared<AnalyzerEvent>(timeMs, tag));
+}
+
+void AudioAnalyzer::GenerateFrameResults(int index)
+{
+    // Never emit a frame that has not been measured. With sane settings the
+    // index never exceeds the last measured frame; a negative speech window or
+    // timeout would otherwise run emission ahead of the audio.
+    index = std::min(index, _writeIndex - 1);
+    const bool isSpeech = _state == Speech;
+    while (_frameIndex <= index) {
+        const AudioData* frame = _supplyFrameData ? &_audioFrames[_frameIndex % kRingSize] : nullptr;
+        _resultDeque.push_back(std::make_shared<AnalyzerAudioFrame>(_frameIndex, isSpeech, frame));
+        ++_frameIndex;
+    }
+}
+
+double AudioAnalyzer::GenerateLeftoverFrame()
+{
+    const std::size_t n = _audioBuffer.size();
+    if (n > 0) {
+        _resultDeque.push_back(std::make_shared<AnalyzerAudioFrame>(
+            _frameIndex, _state == Speech, _supplyFrameData ? &_audioBuffer : nullptr));
+        _audioBuffer.clear();
+    }
+    return static_cast<double>(n) / _samplingRate * 1000;
+}
+
+void AudioAnalyzer::Flush()
+{
+    Process(_writeIndex);
+    GenerateFrameResults(_writeIndex - 1);
+    const double leftoverTimeMs = GenerateLeftoverFrame();
+    if (_state == Speech) {
+        const double timeMs = _writeIndex * GetFrameSizeMs() + leftoverTimeMs;
+        GenerateEventResult(timeMs, AnalyzerEvent::BelowVOR);
+        GenerateEventResult(timeMs, AnalyzerEvent::SpeechEnd);
+    }
+    _readIndex = 0;
+    _writeIndex = 0;
+    _frameIndex = 0;
+    _pauseCounter = 0;
+    _state = Pause;
+}
+
+bool AudioAnalyzer::GetResult(AnalyzerResultPtr& p)
+{
+    if (_resultDeque.empty())
+        return false;
+    p = std::move(_resultDeque.front());
+    _resultDeque.pop_front();
+    return true;
+}
+
+double AudioAnalyzer::GetdBFS(double val) const
+{
+    return 20.0 * std::log10(std::max(val, 1.0) / 32768);
+}
+
+void AudioAnalyzer::GenerateVolumeMeterResult(AudioData::const_iterator first, AudioData::const_iterator last)
+{
+    if (first == last)
+        return;
+    int maxVal = 0;
+    for (AudioData::const_iterator it = first; it != last; ++it)
+        maxVal = std::max(maxVal, std::abs(static_cast<int>(*it)));
+    const int numSamples = static_cast<int>(last - first);
+    double volumedBFS = GetdBFS(maxVal);
+    const int numFrames = numSamples / _samplesPerFrame;
+
+    const double maxChange = numFrames * _maxDecayRateDbPerDs * GetFrameSizeMs() / 100.0;
+    if (_prevVolumedBFS - maxChange > volumedBFS)
+        volumedBFS = _prevVolumedBFS - maxChange;
+    _prevVolumedBFS = volumedBFS;
+
+    // The loudest frame of the chunk; a chunk longer than the ring can only
+    // look at the ring's 200 most recent frames.
+    double maxEnergy = 0.0;
+    for (int i = std::max(_writeIndex - std::min(numFrames, kRingSize), 0); i < _writeIndex; ++i)
+        maxEnergy = std::max(maxEnergy, _energyWindow[i % kRingSize]);
+
+    double snrVolume = maxEnergy;
+    if (_prevSNRVolume - maxChange > snrVolume)
+        snrVolume = _prevSNRVolume - maxChange;
+    _prevSNRVolume = snrVolume;
+
+    const double noiseWithOffset = _histogram.GetNoiseLevelWithOffset();
+    if (_state == Speech)
+        snrVolume = snrVolume - std::max(0.0, noiseWithOffset);
+    else
+        snrVolume = 0.0;
+    const double fullScale = std::max(_fullScaleSNR, _minRecordingLeveldBFS - kdBFSOfOneStep - noiseWithOffset);
+    snrVolume = std::min(snrVolume / fullScale, 1.0) * 100.0;
+
+    AnalyzerVolumeMeter::Info info = AnalyzerVolumeMeter::OK;
+    const double noiseLevel = _histogram.GetNoiseLevel();
+    if (noiseLevel + kdBFSOfOneStep > _tooNoisyLeveldBFS) {
+        info = AnalyzerVolumeMeter::TooNoisy;
+    } else if (maxEnergy + kdBFSOfOneStep > _tooLoudAlignmentLeveldBFS) {
+        info = AnalyzerVolumeMeter::TooLoud;
+    } else if (_state == Speech &&
+               _writeIndex - _speechStartIndex > GetNumFrames(TruncateToInt(_tooSoftWindowSizeMs))) {
+        const double snr = _histogram.GetSNR();
+        if (snr < _tooSoftSNR || snr + noiseLevel < _minRecordingLeveldBFS - kdBFSOfOneStep)
+            info = AnalyzerVolumeMeter::TooSoft;
+    }
+
+    _resultDeque.push_back(std::make_shared<AnalyzerVolumeMeter>(
+        info, volumedBFS, static_cast<double>(maxVal), snrVolume, _writeIndex * GetFrameSizeMs(),
+        _state == Speech));
+}
+
+}  // namespace oku

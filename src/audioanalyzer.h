@@ -1,0 +1,203 @@
+// oku: the voice-activity analyzer and the results it queues.
+#ifndef OKU_AUDIOANALYZER_H
+#define OKU_AUDIOANALYZER_H
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "audiodata.h"
+#include "energyhistogram.h"
+#include "highpassfilter.h"
+#include "parameters.h"
+
+namespace oku {
+
+// Base of everything the analyzer reports. Results are immutable and shared:
+// a result taken from the queue stays valid after the analyzer is destroyed.
+class AnalyzerResult {
+public:
+    enum ResultType : std::int32_t { RT_Event = 0, RT_AudioFrame = 1, RT_VolumeMeter = 2 };
+
+    virtual ~AnalyzerResult() = default;
+    virtual ResultType GetType() const = 0;
+};
+
+using AnalyzerResultPtr = std::shared_ptr<AnalyzerResult>;
+
+// Speech started or ended. AboveVOR always comes right before SpeechStart and
+// BelowVOR right before SpeechEnd, with the same time.
+class AnalyzerEvent : public AnalyzerResult {
+public:
+    enum EventTag : std::int32_t { SpeechStart = 0, SpeechEnd = 1, BelowVOR = 2, AboveVOR = 3 };
+
+    AnalyzerEvent(double timeMs, EventTag tag) : _timeMs(timeMs), _tag(tag) {}
+
+    ResultType GetType() const override { return RT_Event; }
+    EventTag GetTag() const { return _tag; }
+    // Milliseconds from the start of the analyzer's current run; always a frame boundary.
+    double GetTimeMs() const { return _timeMs; }
+
+private:
+    double _timeMs;
+    EventTag _tag;
+};
+
+// One reading per chunk that completed at least one frame.
+class AnalyzerVolumeMeter : public AnalyzerResult {
+public:
+    enum Info : std::int32_t { OK = 0, TooNoisy = 1, TooSoft = 2, TooLoud = 3 };
+
+    AnalyzerVolumeMeter(Info info, double volumedBFS, double volume, double snrVolumePct,
+                        double timeMs, bool isSpeechState)
+        : _info(info), _volumedBFS(volumedBFS), _volume(volume), _snrVolumePct(snrVolumePct),
+          _timeMs(timeMs), _isSpeechState(isSpeechState)
+    {
+    }
+
+    ResultType GetType() const override { return RT_VolumeMeter; }
+    Info GetInfo() const { return _info; }
+    // Speech over noise as a percentage of the full SNR scale: at most 100, 0 in a pause,
+    // negative in speech when the loudest frame lies below the noise level plus offset.
+    double GetSNRVolumePct() const { return _snrVolumePct; }
+    // Peak level in dBFS with a limited rate of fall, -90.309 to 0.
+    double GetVolumedBFS() const { return _volumedBFS; }
+    // The peak level mapped linearly from -90.309 dBFS (a peak of at most one
+    // quantisation step) to 0 dBFS (full scale) onto 0 to 100 percent.
+    double GetVolumedBFSPct() const;
+    // Raw peak absolute sample value, 0 to 32768.
+    double GetVolume() const { return _volume; }
+    // The raw peak as a percentage of full scale (32768 is 100 percent).
+    double GetVolumePct() const { return _volume / 32768.0 * 100.0; }
+    // End of the last frame measured, in ms from the start of the current run.
+    double GetTimeMs() const { return _timeMs; }
+    bool IsSpeechState() const { return _isSpeechState; }
+
+private:
+    Info _info;
+    double _volumedBFS;
+    double _volume;
+    double _snrVolumePct;
+    double _timeMs;
+    bool _isSpeechState;
+};
+
+// One frame of audio as it arrived (before filtering), flagged as inside or
+// outside a speech segment. The samples are empty when the analyzer was built
+// without frame data; the last frame emitted by Flush may be short.
+class AnalyzerAudioFrame : public AnalyzerResult {
+public:
+    AnalyzerAudioFrame(int frameIndex, bool b, const AudioData* frame)
+        : _frameIndex(frameIndex), _isSpeechSegmentFrame(b)
+    {
+        if (frame)
+            _audioFrame = *frame;
+    }
+
+    ResultType GetType() const override { return RT_AudioFrame; }
+    virtual const AudioData& GetData() const { return _audioFrame; }
+    virtual int GetFrameIndex() const { return _frameIndex; }
+    virtual bool IsSpeechSegmentFrame() const { return _isSpeechSegmentFrame; }
+
+private:
+    AudioData _audioFrame;
+    int _frameIndex;
+    bool _isSpeechSegmentFrame;
+};
+
+// Cuts mono 16-bit audio into frames of about 20 ms, high-pass filters and
+// measures each frame, decides between speech and pause, and queues events,
+// audio frames and one volume meter reading per chunk.
+//
+// Settings (parameter string keys, all optional): "SpeechWindowSizeMs" (200),
+// "SpeechWindowFraction" (0.3), "EOSTimeoutMs" (keeps its current value, 420
+// at construction), "HistogramWindowSizeMs" (2000), "HistogramMinWindowSizeMs"
+// (800), "MaxDecayRateDbPerDs" (48), "FullScaleSNR" (24), "TooNoisyLeveldBFS"
+// (-25), "TooLoudAlignmentLeveldBFS" (-12), "TooSoftWindowSizeMs" (2000),
+// "TooSoftSNR" (18), "MinRecordingLeveldBFS" (-54), plus the energy histogram's
+// own keys except "WindowSize" and "MinWindowSize", which are derived from the
+// two histogram durations. Millisecond settings become frame counts rounded to
+// the nearest frame.
+//
+// Settings are not range-checked, with one exception: a "HistogramWindowSizeMs"
+// that gives fewer than one or more than EnergyHistogram::kMaxWindowSize frames
+// is rejected with std::invalid_argument naming the key. The speech window and
+// a third of the end-of-speech timeout should stay below 199 frames so that
+// frames are emitted before their ring slots are reused; beyond that the flags
+// of emitted frames are unreliable but memory stays safe, since a frame is never
+// emitted before it has been measured.
+//
+// Not thread-safe; instances share no state, so one per thread is fine.
+class AudioAnalyzer {
+public:
+    enum State : std::int32_t { Pause = 0, Speech = 1 };
+    using AudioData = oku::AudioData;
+
+    // Throws std::invalid_argument: "Sampling rate" (only 8000, 11025, 16000
+    // and 22050 are supported), "Invalid format" (malformed string or value),
+    // or a message naming a rejected setting.
+    AudioAnalyzer(const std::string& keyValuePairs, double samplingRate, bool supplyFrameData);
+
+    void Reset();
+    void UpdateParameters(const std::string& keyValuePairs);
+    void Process(const AudioData& audioData);
+    void Flush();
+    bool GetResult(AnalyzerResultPtr& p);
+    void SetEOSTimeout(int timeoutMs);
+    int GetEOSTimeout() const { return _eosTimeoutMs; }
+    int GetSamplesPerFrame() const { return _samplesPerFrame; }
+    double GetFrameSizeMs() const { return _frameSizeMs; }
+
+private:
+    static const int kRingSize = 200;
+
+    void ProcessFrame(AudioData& frame);
+    void Process(int index);
+    bool DetectSpeech();
+    bool DetectPause();
+    double ComputeEnergy(AudioData::const_iterator first, AudioData::const_iterator last) const;
+    int GetNumFrames(int ms) const;
+    void GenerateEventResult(double timeMs, AnalyzerEvent::EventTag tag);
+    void GenerateFrameResults(int index);
+    void GenerateVolumeMeterResult(AudioData::const_iterator first, AudioData::const_iterator last);
+    double GenerateLeftoverFrame();
+    double GetdBFS(double val) const;
+
+    HighpassFilter _highpassFilter;
+    Parameters _parameters;
+    bool _supplyFrameData;
+    double _standardFrameSizeMs;
+    double _frameSizeMs;
+    double _samplingRate;
+    int _samplesPerFrame;
+    int _speechWindowSize;
+    double _speechWindowFraction;
+    int _eosTimeoutMs;
+    int _numPauseFrames;
+    int _pauseCounter;
+    std::vector<double> _energyWindow;
+    EnergyHistogram _histogram;
+    int _readIndex;
+    int _writeIndex;
+    int _frameIndex;
+    int _speechStartIndex;
+    double _prevVolumedBFS;
+    double _prevSNRVolume;
+    double _maxDecayRateDbPerDs;
+    double _fullScaleSNR;
+    double _tooNoisyLeveldBFS;
+    double _tooLoudAlignmentLeveldBFS;
+    double _tooSoftWindowSizeMs;
+    double _tooSoftSNR;
+    double _minRecordingLeveldBFS;
+    State _state;
+    std::vector<AudioData> _audioFrames;
+    AudioData _audioBuffer;
+    std::deque<AnalyzerResultPtr> _resultDeque;
+};
+
+}  // namespace oku
+
+#endif
