@@ -1,0 +1,108 @@
+/*
+ * vad_example: prints the speech segments and a summary of the volume readings
+ * of a mono WAV recording, using the exported C functions of libOKUVAD.
+ *
+ *   vad_example recording.wav
+ *
+ * The recording is fed in 20 ms chunks, as a capture callback would deliver it.
+ * The analyzer counts one extra sample per call (see okuvad.h), so positions
+ * are mapped back onto the file's own sample numbers before printing.
+ */
+#include <math.h>
+#include <sndfile.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "okuvad.h"
+
+/* A position in samples received by the analyzer, each call having brought
+ * `chunk` file samples plus one, mapped onto the file's sample numbers. */
+static long file_position(double received, long chunk)
+{
+    long pos = (long)(received + 0.5);
+    long calls = pos / (chunk + 1);
+    long offset = pos - calls * (chunk + 1);
+    return calls * chunk + (offset < chunk ? offset : chunk);
+}
+
+int main(int argc, char** argv)
+{
+    SF_INFO info = {0};
+    SNDFILE* file;
+    short* buffer;
+    long chunk, read, start = -1, segments = 0, total = 0;
+    long readings[4] = {0, 0, 0, 0};
+    double peak = 0.0;
+    int status;
+
+    if (argc != 2) {
+        fprintf(stderr, "usage: %s recording.wav\n", argv[0]);
+        return 2;
+    }
+    file = sf_open(argv[1], SFM_READ, &info);
+    if (!file) {
+        fprintf(stderr, "%s: %s\n", argv[1], sf_strerror(NULL));
+        return 1;
+    }
+    if (info.channels != 1) {
+        fprintf(stderr, "%s: %d channels; this example reads mono only\n", argv[1], info.channels);
+        sf_close(file);
+        return 1;
+    }
+    if (OKUVAD_Init((double)info.samplerate) != 0) {
+        fprintf(stderr, "%s: sampling rate %d Hz is not supported (8000, 11025, 16000, 22050)\n", argv[1],
+                info.samplerate);
+        sf_close(file);
+        return 1;
+    }
+
+    chunk = info.samplerate / 50; /* 20 ms */
+    buffer = malloc((size_t)chunk * sizeof(short));
+    if (!buffer) {
+        sf_close(file);
+        return 1;
+    }
+    printf("%s: %d Hz, %ld samples (%.2f s), %ld-sample chunks\n", argv[1], info.samplerate, (long)info.frames,
+           (double)info.frames / info.samplerate, chunk);
+    printf("%-8s %12s %12s %9s %9s\n", "segment", "start", "end", "start_s", "end_s");
+
+    while ((read = (long)sf_read_short(file, buffer, chunk)) > 0) {
+        int start_call = 1, result = 0, volume_info = 0;
+        double value = 0.0;
+        total += read;
+        do {
+            status = OKUVAD_GetResult(start_call, buffer, (unsigned int)(read * 2), &result, &value, &volume_info);
+            start_call = 0;
+            if (status != 0) {
+                fprintf(stderr, "OKUVAD_GetResult failed: %d\n", status);
+                break;
+            }
+            if (result == OKUVAD_RESULT_SPEECH_START) {
+                start = file_position(value, chunk);
+            } else if (result == OKUVAD_RESULT_SPEECH_END) {
+                long end = file_position(value, chunk);
+                printf("%-8ld %12ld %12ld %9.3f %9.3f\n", ++segments, start, end, (double)start / info.samplerate,
+                       (double)end / info.samplerate);
+                start = -1;
+            } else if (result == OKUVAD_RESULT_VOLUME) {
+                if (volume_info >= 0 && volume_info <= 3)
+                    readings[volume_info]++;
+                if (value > peak)
+                    peak = value;
+            }
+        } while (result != OKUVAD_RESULT_NONE);
+        if (status != 0)
+            break;
+    }
+    if (start >= 0)
+        printf("%-8ld %12ld %12s %9.3f %9s\n", ++segments, start, "(open)", (double)start / info.samplerate, "");
+
+    printf("volume readings: %ld (ok %ld, too noisy %ld, too soft %ld, too loud %ld), peak %.0f (%.1f dBFS)\n",
+           readings[0] + readings[1] + readings[2] + readings[3], readings[0], readings[1], readings[2],
+           readings[3], peak, 20.0 * log10((peak > 1.0 ? peak : 1.0) / 32768.0));
+
+    OKUVAD_Deinit();
+    free(buffer);
+    sf_close(file);
+    return status == 0 ? 0 : 1;
+}
