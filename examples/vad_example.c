@@ -30,7 +30,7 @@ int main(int argc, char** argv)
     SF_INFO info = {0};
     SNDFILE* file;
     short* buffer;
-    long chunk, read, start = -1, segments = 0, total = 0;
+    long chunk, read, start = -1, segments = 0;
     long readings[4] = {0, 0, 0, 0};
     double peak = 0.0;
     int status;
@@ -69,7 +69,6 @@ int main(int argc, char** argv)
     while ((read = (long)sf_read_short(file, buffer, chunk)) > 0) {
         int start_call = 1, result = 0, volume_info = 0;
         double value = 0.0;
-        total += read;
         do {
             status = OKUVAD_GetResult(start_call, buffer, (unsigned int)(read * 2), &result, &value, &volume_info);
             start_call = 0;

@@ -25,6 +25,8 @@ void Require(bool condition, const char* message)
 
 // ---- AGC::Histogram --------------------------------------------------------
 
+const int AGC::Histogram::_scaleFactor;
+
 AGC::Histogram::Histogram(int windowSize, int histogramSize) : _wIndex(0), _minValue(0.0f)
 {
     if (windowSize != 0 || histogramSize != 0)

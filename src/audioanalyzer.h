@@ -151,7 +151,7 @@ public:
     double GetFrameSizeMs() const { return _frameSizeMs; }
 
 private:
-    static const int kRingSize = 200;
+    static constexpr int kRingSize = 200;  // frames held by both rings (about 4 s)
 
     void ProcessFrame(AudioData& frame);
     void Process(int index);
