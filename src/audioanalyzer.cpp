@@ -279,9 +279,9 @@ void AudioAnalyzer::GenerateVolumeMeterResult(AudioData::const_iterator first, A
     int maxVal = 0;
     for (AudioData::const_iterator it = first; it != last; ++it)
         maxVal = std::max(maxVal, std::abs(static_cast<int>(*it)));
-    const int numSamples = static_cast<int>(last - first);
+    const long long numSamples = last - first;
     double volumedBFS = GetdBFS(maxVal);
-    const int numFrames = numSamples / _samplesPerFrame;
+    const long long numFrames = numSamples / _samplesPerFrame;
 
     const double maxChange = numFrames * _maxDecayRateDbPerDs * GetFrameSizeMs() / 100.0;
     if (_prevVolumedBFS - maxChange > volumedBFS)
@@ -291,7 +291,8 @@ void AudioAnalyzer::GenerateVolumeMeterResult(AudioData::const_iterator first, A
     // The loudest frame of the chunk; a chunk longer than the ring can only
     // look at the ring's 200 most recent frames.
     double maxEnergy = 0.0;
-    for (int i = std::max(_writeIndex - std::min(numFrames, kRingSize), 0); i < _writeIndex; ++i)
+    const int ringFrames = static_cast<int>(std::min<long long>(numFrames, kRingSize));
+    for (int i = std::max(_writeIndex - ringFrames, 0); i < _writeIndex; ++i)
         maxEnergy = std::max(maxEnergy, _energyWindow[i % kRingSize]);
 
     double snrVolume = maxEnergy;
