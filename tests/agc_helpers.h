@@ -44,6 +44,17 @@ inline void Append(std::vector<std::vector<std::pair<int, double>>>& a,
     a.insert(a.end(), b.begin(), b.end());
 }
 
+// 18 dB background and 45 dB speech, one update of six frames each: 7 updates
+// of background, 7 of speech, then `tail` of background. The decision tests
+// derive what each update must do.
+inline std::vector<std::vector<std::pair<int, double>>> SpeechScenario(int tail)
+{
+    auto updates = Repeat(7, {{6, kBg18}});
+    Append(updates, Repeat(7, {{6, kSpeech45}}));
+    Append(updates, Repeat(tail, {{6, kBg18}}));
+    return updates;
+}
+
 struct Step {
     float gainIn;
     float gainOut;

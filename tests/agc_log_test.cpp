@@ -76,9 +76,7 @@ TEST(AgcLog, StateMachineTails)
 {
     // The scenario of the decision tests: speech starts at update 10, a +1 dB
     // step at 11, a pause at 20.
-    auto updates = testsig::Repeat(7, {{6, testsig::kBg18}});
-    testsig::Append(updates, testsig::Repeat(7, {{6, testsig::kSpeech45}}));
-    testsig::Append(updates, testsig::Repeat(7, {{6, testsig::kBg18}}));
+    auto updates = testsig::SpeechScenario(7);
     AGC agc("", 16000);
     auto log = testsig::AttachLog(agc);
     auto steps = testsig::Run(agc, testsig::Updates(updates), 0.25f);

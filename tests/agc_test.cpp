@@ -254,9 +254,7 @@ TEST(AgcDecision, SpeechStartRaiseWithinTheSegmentAndPause)
     //  15   background again, speech still in the window: another +1 dB step
     //  16-19 background, fewer than 25 frames since the raise: no pause yet
     //  20   25 quiet frames: pause
-    auto updates = testsig::Repeat(7, {{6, testsig::kBg18}});
-    testsig::Append(updates, testsig::Repeat(7, {{6, testsig::kSpeech45}}));
-    testsig::Append(updates, testsig::Repeat(8, {{6, testsig::kBg18}}));
+    auto updates = testsig::SpeechScenario(8);
     AGC agc("", 16000);
     auto log = testsig::AttachLog(agc);
     auto steps = testsig::Run(agc, testsig::Updates(updates), 0.25f);

@@ -235,21 +235,27 @@ TEST(AnalyzerFraming, GetResultOnAnEmptyQueueLeavesItsArgument)
 
 // ---- speech and pause ----------------------------------------------------------------
 
-TEST(AnalyzerStateMachine, StartIsDatedSevenFramesBeforeTheFirstLoudFrame)
+TEST(AnalyzerStateMachine, BurstIsDatedByTheFrameRules)
 {
+    // Start: speech is detected at frame s + 2 (three loud frames in the window
+    // of ten) and dated at the first frame not yet emitted, s - 7; frames s - 7 ..
+    // s + 2 follow the start at once, flagged as speech.
+    // End: the first quiet decision is frame e + 1 (frame e still averages with
+    // a loud one), so the 21st falls on r = e + 21 and the end is dated at r - 7.
     const int s = 100, e = 150;
     AudioData signal = Burst(s, e, 60);
     CheckBurstEnergies(signal, s, e);
     AudioAnalyzer a("", 16000.0, true);
     testsig::FeedFrames(a, signal);
     Drained d = Drain(a);
-    ASSERT_GE(d.events.size(), 2u);
-    EXPECT_EQ(AnalyzerEvent::AboveVOR, d.events[0]->GetTag());
-    EXPECT_EQ(AnalyzerEvent::SpeechStart, d.events[1]->GetTag());
-    EXPECT_EQ((s - 7) * 20.0, d.events[0]->GetTimeMs());
-    EXPECT_EQ((s - 7) * 20.0, d.events[1]->GetTimeMs());
-    // Speech is detected at frame s + 2 (three loud frames in the window of ten),
-    // so frames s - 7 .. s + 2 come right after the start, flagged as speech.
+    ASSERT_EQ(4u, d.events.size());
+    const AnalyzerEvent::EventTag tags[] = {AnalyzerEvent::AboveVOR, AnalyzerEvent::SpeechStart,
+                                            AnalyzerEvent::BelowVOR, AnalyzerEvent::SpeechEnd};
+    const int frames[] = {s - 7, s - 7, e + 14, e + 14};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(tags[i], d.events[static_cast<std::size_t>(i)]->GetTag()) << i;
+        EXPECT_EQ(frames[i] * 20.0, d.events[static_cast<std::size_t>(i)]->GetTimeMs()) << i;
+    }
     std::size_t at = 0;
     while (d.all[at] != d.events[1])
         ++at;
@@ -259,26 +265,10 @@ TEST(AnalyzerStateMachine, StartIsDatedSevenFramesBeforeTheFirstLoudFrame)
         EXPECT_EQ(f, frame->GetFrameIndex());
         EXPECT_TRUE(frame->IsSpeechSegmentFrame());
     }
+    // The frames flagged as speech are exactly those between the two events.
     for (const auto& frame : d.frames)
         EXPECT_EQ(frame->GetFrameIndex() >= s - 7 && frame->GetFrameIndex() < e + 14, frame->IsSpeechSegmentFrame())
             << frame->GetFrameIndex();
-}
-
-TEST(AnalyzerStateMachine, EndIsDatedSevenFramesBeforeTheTwentyFirstQuietDecision)
-{
-    // The first quiet decision is frame e + 1 (frame e still averages with a loud
-    // one), so the 21st falls on r = e + 21 and the end is dated at r - 7.
-    const int s = 100, e = 150;
-    AudioData signal = Burst(s, e, 60);
-    CheckBurstEnergies(signal, s, e);
-    AudioAnalyzer a("", 16000.0, true);
-    testsig::FeedFrames(a, signal);
-    Drained d = Drain(a);
-    ASSERT_EQ(4u, d.events.size());
-    EXPECT_EQ(AnalyzerEvent::BelowVOR, d.events[2]->GetTag());
-    EXPECT_EQ(AnalyzerEvent::SpeechEnd, d.events[3]->GetTag());
-    EXPECT_EQ((e + 14) * 20.0, d.events[2]->GetTimeMs());
-    EXPECT_EQ((e + 14) * 20.0, d.events[3]->GetTimeMs());
 }
 
 TEST(AnalyzerStateMachine, EndFollowsTheTimeoutInFrames)
