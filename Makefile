@@ -1,5 +1,5 @@
 # Short commands for newcomers; CMake does the work.
-#   make run    install what is missing, build, run the example on the shipped recording
+#   make run    install what is missing, build, run the oku command and the C example on the shipped recording
 #   make test   install what is missing, build, run every test
 BUILD ?= build
 CMAKE_FLAGS ?=
@@ -19,6 +19,8 @@ build: setup $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS)
 
 run: build
+	$(BUILD)/oku vad data/speech16k.wav
+	$(BUILD)/oku agc --volume 3000 data/speech16k.wav
 	$(BUILD)/examples/vad_example data/speech16k.wav
 
 test: build

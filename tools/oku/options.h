@@ -1,0 +1,54 @@
+// Command-line options of the oku command.
+#ifndef OKU_TOOL_OPTIONS_H
+#define OKU_TOOL_OPTIONS_H
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace okutool {
+
+// Exit statuses.
+enum ExitStatus { kExitOk = 0, kExitInputFailed = 1, kExitUsage = 2 };
+
+enum class Format { Text, Json, Csv };
+
+struct Options {
+    std::string command;              // "vad" or "agc"
+    std::vector<std::string> inputs;  // file names; "-" is standard input
+    Format format = Format::Text;
+    std::string params;               // parameter string for the analyzer or gain control
+    unsigned jobs = 0;                // 0: one per core
+    bool raw = false;                 // standard input is raw s16le PCM
+    long rawRate = 0;
+    int rawChannels = 1;
+    double chunkMs = 20.0;            // chunk fed to the library per call
+    bool progress = true;
+    std::string plot;                 // SVG file
+    // vad
+    bool meter = false;
+    std::string splitDir;
+    // agc
+    long bound = 65535;
+    long volume = -1;                 // -1: half the bound
+    double micGain = 1.0;
+    std::string logFile;
+    std::string outFile;
+};
+
+// A usage error: printed as one line, exit status 2.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// What the command line asks for besides a run.
+enum class Request { Run, Help, Version };
+
+// Parses argv; throws UsageError on a bad option or value.
+Request ParseOptions(int argc, char** argv, Options& options);
+
+std::string HelpText(const std::string& command);
+
+}  // namespace okutool
+
+#endif
