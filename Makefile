@@ -1,11 +1,12 @@
 # Short commands for newcomers; CMake does the work.
 #   make run    install what is missing, build, run the oku command and the C example on the shipped recording
 #   make test   install what is missing, build, run every test
+#   make tsan   the thread tests under ThreadSanitizer
 BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build run test clean
+.PHONY: all setup build run test tsan clean
 
 all: build
 
@@ -25,6 +26,13 @@ run: build
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The thread tests (every test with "Thread" in its name) under ThreadSanitizer.
+tsan: setup
+	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOKU_ASSERTS=ON \
+	      -DOKU_SANITIZE=thread -DOKU_BUILD_TOOLS=OFF $(CMAKE_FLAGS)
+	cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -R Thread
 
 clean:
 	rm -rf $(BUILD)

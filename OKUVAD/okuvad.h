@@ -21,8 +21,9 @@
  * Threading: each service keeps ONE process-wide object, created by its Init
  * function. The functions take no locks: the host must serialise all calls to
  * one service (the analyzer's and the gain control's functions may be used side
- * by side). For several streams at once, use the C++ classes oku::AudioAnalyzer
- * and oku::AGC, one instance per stream.
+ * by side). For several streams at once, use the handle functions of oku.h (one
+ * handle per stream, each usable from its own thread) or the C++ classes
+ * oku::AudioAnalyzer and oku::AGC.
  */
 #ifndef OKUVAD_H
 #define OKUVAD_H

@@ -1,4 +1,5 @@
 /* A host that only knows the installed header and library. */
+#include <oku.h>
 #include <okuvad.h>
 #include <stdio.h>
 
@@ -16,6 +17,13 @@ int main(void)
         return 1;
     OKUVAD_Deinit();
     OKUAGC_Deinit();
+    {
+        oku_vad* vad = NULL;
+        oku_vad_result r;
+        if (oku_vad_create(8000.0, "", &vad) != OKU_OK || oku_vad_process(vad, chunk, 160) != OKU_OK ||
+            oku_vad_next(vad, &r) != OKU_OK || r.type != OKU_VAD_VOLUME || oku_vad_destroy(vad) != OKU_OK)
+            return 1;
+    }
     puts("consumer: ok");
     return 0;
 }

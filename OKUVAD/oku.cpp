@@ -1,0 +1,343 @@
+// The reentrant C interface: one handle per analyzer or gain control.
+#include "oku.h"
+
+#include <cmath>
+#include <memory>
+#include <new>
+#include <ostream>
+#include <stdexcept>
+#include <streambuf>
+#include <string>
+
+#include "../src/agc.h"
+#include "../src/audioanalyzer.h"
+
+struct oku_vad {
+    oku::AudioAnalyzer analyzer;
+    double rate;
+    bool frames;
+    // Keeps the samples of the last frames handed out alive until the next call.
+    std::vector<oku::AnalyzerResultPtr> handedOut;
+
+    oku_vad(const char* params, double samplingRate, bool supplyFrames)
+        : analyzer(params ? params : "", samplingRate, supplyFrames), rate(samplingRate), frames(supplyFrames)
+    {
+    }
+};
+
+namespace {
+
+thread_local std::string t_lastError;
+
+int Fail(int status, const std::string& message)
+{
+    t_lastError = message;
+    return status;
+}
+
+// Runs f, turning every exception into a status and a message. At creation an
+// invalid argument is a bad rate or a bad parameter string.
+template <typename F>
+int Guard(F&& f) noexcept
+{
+    try {
+        return f();
+    } catch (const std::invalid_argument& e) {
+        return Fail(std::string(e.what()) == "Sampling rate" ? OKU_ERR_RATE : OKU_ERR_PARAMS, e.what());
+    } catch (const std::bad_alloc&) {
+        return Fail(OKU_ERR_MEMORY, "out of memory");
+    } catch (const std::length_error&) {
+        return Fail(OKU_ERR_MEMORY, "out of memory");
+    } catch (const std::exception& e) {
+        return Fail(OKU_ERR_INTERNAL, e.what());
+    } catch (...) {
+        return Fail(OKU_ERR_INTERNAL, "unknown failure");
+    }
+}
+
+int Null(const char* what) { return Fail(OKU_ERR_NULL, std::string(what) + " is null"); }
+
+// Fills one C result from an analyzer result; false for the results this
+// interface does not hand out (the marks that accompany starts and ends, and
+// frames when frames were not asked for).
+bool Convert(oku_vad& vad, const oku::AnalyzerResultPtr& r, oku_vad_result& out)
+{
+    oku_vad_result c{};
+    switch (r->GetType()) {
+    case oku::AnalyzerResult::RT_Event: {
+        const auto& e = static_cast<const oku::AnalyzerEvent&>(*r);
+        if (e.GetTag() != oku::AnalyzerEvent::SpeechStart && e.GetTag() != oku::AnalyzerEvent::SpeechEnd)
+            return false;
+        c.type = e.GetTag() == oku::AnalyzerEvent::SpeechStart ? OKU_VAD_SPEECH_START : OKU_VAD_SPEECH_END;
+        c.speech = e.GetTag() == oku::AnalyzerEvent::SpeechStart;
+        c.time_ms = e.GetTimeMs();
+        break;
+    }
+    case oku::AnalyzerResult::RT_VolumeMeter: {
+        const auto& m = static_cast<const oku::AnalyzerVolumeMeter&>(*r);
+        c.type = OKU_VAD_VOLUME;
+        c.speech = m.IsSpeechState();
+        c.time_ms = m.GetTimeMs();
+        c.assessment = static_cast<int32_t>(m.GetInfo());
+        c.peak = m.GetVolume();
+        c.level_dbfs = m.GetVolumedBFS();
+        c.snr_pct = m.GetSNRVolumePct();
+        break;
+    }
+    case oku::AnalyzerResult::RT_AudioFrame: {
+        if (!vad.frames)
+            return false;
+        const auto& f = static_cast<const oku::AnalyzerAudioFrame&>(*r);
+        c.type = OKU_VAD_FRAME;
+        c.speech = f.IsSpeechSegmentFrame();
+        c.frame_index = f.GetFrameIndex();
+        c.time_ms = f.GetFrameIndex() * vad.analyzer.GetFrameSizeMs();
+        c.sample_count = static_cast<int32_t>(f.GetData().size());
+        c.samples = f.GetData().empty() ? nullptr : f.GetData().data();
+        vad.handedOut.push_back(r);
+        break;
+    }
+    }
+    c.position = std::llround(c.time_ms * vad.rate / 1000.0);
+    out = c;
+    return true;
+}
+
+// Takes up to capacity results the interface hands out.
+std::size_t Take(oku_vad& vad, oku_vad_result* out, std::size_t capacity)
+{
+    vad.handedOut.clear();
+    std::size_t count = 0;
+    oku::AnalyzerResultPtr r;
+    while (count < capacity && vad.analyzer.GetResult(r)) {
+        if (Convert(vad, r, out[count]))
+            ++count;
+    }
+    return count;
+}
+
+// Turns what the gain control writes into one callback per line, and counts lines.
+class LineBuf : public std::streambuf {
+public:
+    oku_agc_log_fn fn = nullptr;
+    void* user = nullptr;
+    long long lines = 0;
+
+protected:
+    int overflow(int c) override
+    {
+        if (c == traits_type::eof())
+            return traits_type::not_eof(c);
+        if (c == '\n') {
+            ++lines;
+            if (fn)
+                fn(user, _line.c_str());
+            _line.clear();
+        } else {
+            _line += static_cast<char>(c);
+        }
+        return c;
+    }
+
+private:
+    std::string _line;
+};
+
+}  // namespace
+
+// The gain control always writes its log into a LineBuf: one line per update
+// tells an update from a call that only collected audio, and the lines go on
+// to the caller's callback when there is one. The buffer outlives the gain
+// control (members are destroyed in reverse order).
+struct oku_agc {
+    std::unique_ptr<LineBuf> buf{new LineBuf};
+    std::shared_ptr<std::ostream> stream{new std::ostream(buf.get())};
+    bool updated = false;
+    oku::AGC agc;
+
+    oku_agc(const char* params, int rate) : agc(params ? params : "", rate) { agc.SetLogStream(stream); }
+};
+
+extern "C" {
+
+OKU_API const char* oku_status_message(int status)
+{
+    switch (status) {
+    case OKU_OK:
+        return "success";
+    case OKU_ERR_NULL:
+        return "a required pointer is null";
+    case OKU_ERR_ARGUMENT:
+        return "an argument is out of range";
+    case OKU_ERR_RATE:
+        return "unsupported sampling rate (8000, 11025, 16000 or 22050 Hz)";
+    case OKU_ERR_PARAMS:
+        return "malformed parameter string or rejected setting";
+    case OKU_ERR_MEMORY:
+        return "out of memory";
+    case OKU_ERR_INTERNAL:
+        return "internal failure";
+    default:
+        return "unknown status";
+    }
+}
+
+OKU_API const char* oku_last_error(void) { return t_lastError.c_str(); }
+
+OKU_API int oku_vad_create(double rate, const char* params, oku_vad** out)
+{
+    return oku_vad_create_ex(rate, params, 0, out);
+}
+
+OKU_API int oku_vad_create_ex(double rate, const char* params, unsigned flags, oku_vad** out)
+{
+    if (!out)
+        return Null("out");
+    if (flags & ~OKU_VAD_AUDIO_FRAMES)
+        return Fail(OKU_ERR_ARGUMENT, "unknown flags");
+    return Guard([&] {
+        *out = new oku_vad(params, rate, (flags & OKU_VAD_AUDIO_FRAMES) != 0);
+        return OKU_OK;
+    });
+}
+
+OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n)
+{
+    if (!vad)
+        return Null("vad");
+    if (!samples && n > 0)
+        return Null("samples");
+    return Guard([&] {
+        vad->handedOut.clear();
+        vad->analyzer.Process(n ? oku::AudioData(samples, samples + n) : oku::AudioData());
+        return OKU_OK;
+    });
+}
+
+OKU_API int oku_vad_next(oku_vad* vad, oku_vad_result* out)
+{
+    if (!vad)
+        return Null("vad");
+    if (!out)
+        return Null("out");
+    return Guard([&] {
+        if (Take(*vad, out, 1) == 0)
+            *out = oku_vad_result{};
+        return OKU_OK;
+    });
+}
+
+OKU_API int oku_vad_results(oku_vad* vad, oku_vad_result* out, size_t capacity, size_t* count)
+{
+    if (!vad)
+        return Null("vad");
+    if (!out)
+        return Null("out");
+    if (!count)
+        return Null("count");
+    if (capacity == 0)
+        return Fail(OKU_ERR_ARGUMENT, "capacity is 0");
+    return Guard([&] {
+        *count = Take(*vad, out, capacity);
+        return OKU_OK;
+    });
+}
+
+OKU_API int oku_vad_flush(oku_vad* vad)
+{
+    if (!vad)
+        return Null("vad");
+    return Guard([&] {
+        vad->handedOut.clear();
+        vad->analyzer.Flush();
+        return OKU_OK;
+    });
+}
+
+OKU_API int oku_vad_reset(oku_vad* vad)
+{
+    if (!vad)
+        return Null("vad");
+    return Guard([&] {
+        vad->analyzer.Reset();
+        return OKU_OK;
+    });
+}
+
+OKU_API int oku_vad_destroy(oku_vad* vad)
+{
+    if (!vad)
+        return Null("vad");
+    delete vad;
+    return OKU_OK;
+}
+
+OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out)
+{
+    if (!out)
+        return Null("out");
+    return Guard([&] {
+        *out = new oku_agc(params, rate);
+        return OKU_OK;
+    });
+}
+
+OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, double gain, double* new_gain)
+{
+    if (!agc)
+        return Null("agc");
+    if (!new_gain)
+        return Null("new_gain");
+    if (!samples && n > 0)
+        return Null("samples");
+    if (!(gain >= 0.0 && gain <= 1.0))
+        return Fail(OKU_ERR_ARGUMENT, "gain must lie in [0, 1]");
+    return Guard([&] {
+        const long long linesBefore = agc->buf->lines;
+        const float result = agc->agc.ComputeGain(n ? oku::AudioData(samples, samples + n) : oku::AudioData(),
+                                                  static_cast<float>(gain));
+        oku::AGC::ControlInfo info;
+        agc->agc.GetInfo(info);
+        agc->updated =
+            agc->buf->lines != linesBefore || info.GetControlType() == oku::AGC::ControlInfo::GainEstimate;
+        *new_gain = result;
+        return OKU_OK;
+    });
+}
+
+OKU_API int oku_agc_info(const oku_agc* agc, oku_agc_decision* out)
+{
+    if (!agc)
+        return Null("agc");
+    if (!out)
+        return Null("out");
+    oku::AGC::ControlInfo info;
+    agc->agc.GetInfo(info);
+    oku_agc_decision d{};
+    d.control = static_cast<int32_t>(info.GetControlType());
+    d.updated = agc->updated;
+    d.time_ms = info.GetTimeMs();
+    d.pause_db = info.GetPauseLevel();
+    d.speech_db = info.GetSpeechLevel();
+    *out = d;
+    return OKU_OK;
+}
+
+OKU_API int oku_agc_set_log(oku_agc* agc, oku_agc_log_fn fn, void* user)
+{
+    if (!agc)
+        return Null("agc");
+    agc->buf->fn = fn;
+    agc->buf->user = user;
+    return OKU_OK;
+}
+
+OKU_API int oku_agc_destroy(oku_agc* agc)
+{
+    if (!agc)
+        return Null("agc");
+    delete agc;
+    return OKU_OK;
+}
+
+}  // extern "C"
