@@ -4,11 +4,9 @@ The recordings are tone bursts over noise, placed on 20 ms frame boundaries,
 so the analyzer's timing rules give the expected segments exactly: a segment is
 dated 7 frames (140 ms) before the first loud frame and ends 14 frames (280 ms)
 after the last one (the 21st quiet decision falls 21 frames after it and the
-end is dated 7 frames before that decision).
+end is dated 7 frames before that decision). See testaudio.py.
 """
-import array
 import json
-import math
 import os
 import select
 import shutil
@@ -19,32 +17,10 @@ import unittest
 import wave
 import xml.etree.ElementTree as ET
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from testaudio import BURSTS, EXPECTED, signal, write_wav  # noqa: E402
+
 OKU = os.environ.get("OKU", "oku")
-
-
-def signal(rate, bursts, total_s, channels=1, noise=100, tone=8000, seed=1):
-    """16-bit samples: uniform noise everywhere, a 1 kHz tone inside each (start_s, end_s) burst."""
-    n = int(round(total_s * rate))
-    state = seed
-    out = array.array("h")
-    edges = [(int(round(a * rate)), int(round(b * rate))) for a, b in bursts]
-    for i in range(n):
-        state = (state * 1103515245 + 12345) & 0x7FFFFFFF
-        x = ((state >> 8) % (2 * noise + 1)) - noise
-        if any(a <= i < b for a, b in edges):
-            x += tone * math.sin(2 * math.pi * 1000.0 * i / rate)
-        s = max(-32768, min(32767, int(round(x))))
-        for _ in range(channels):
-            out.append(s)
-    return out
-
-
-def write_wav(path, rate, samples, channels=1):
-    with wave.open(path, "wb") as w:
-        w.setnchannels(channels)
-        w.setsampwidth(2)
-        w.setframerate(rate)
-        w.writeframes(samples.tobytes())
 
 
 def run(*args, stdin=None):
@@ -53,10 +29,6 @@ def run(*args, stdin=None):
 
 def records(stdout, kind):
     return [r for r in map(json.loads, stdout.decode().splitlines()) if r["type"] == kind]
-
-
-BURSTS = [(1.0, 2.5), (3.5, 4.7)]          # seconds, on frame boundaries
-EXPECTED = [(0.86, 2.78), (3.36, 4.98)]    # 140 ms before, 280 ms after
 
 
 class OkuTest(unittest.TestCase):
