@@ -2,11 +2,14 @@
 #   make run    install what is missing, build, run the oku command and the C example on the shipped recording
 #   make test   install what is missing, build, run every test
 #   make tsan   the thread tests under ThreadSanitizer
+#   make fuzz   each fuzz target for FUZZ_SECONDS (default 60)
+#   make memcheck  the unit tests and the oku command under valgrind
 BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build run test tsan clean
+.PHONY: all setup build run test tsan fuzz memcheck clean
+FUZZ_SECONDS ?= 60
 
 all: build
 
@@ -33,6 +36,12 @@ tsan: setup
 	      -DOKU_SANITIZE=thread -DOKU_BUILD_TOOLS=OFF $(CMAKE_FLAGS)
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -R Thread
+
+fuzz: setup
+	scripts/fuzz.sh $(FUZZ_SECONDS)
+
+memcheck: build
+	scripts/memcheck.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD)

@@ -2,7 +2,8 @@
 # Installs the Debian packages the project builds and tests with, if missing.
 # Usage: scripts/setup.sh [extra-package ...]
 set -euo pipefail
-packages=(cmake ninja-build g++ clang pkg-config python3 python3-numpy libgtest-dev libsndfile1-dev libsoxr-dev "$@")
+packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config valgrind python3 python3-numpy
+          libgtest-dev libsndfile1-dev libsoxr-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

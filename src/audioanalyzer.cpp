@@ -151,7 +151,7 @@ void AudioAnalyzer::Process(int index)
     while (_readIndex < index) {
         const int r = _readIndex;
         if (_state == Pause) {
-            GenerateFrameResults(r - _speechWindowSize);
+            GenerateFrameResults(static_cast<long long>(r) - _speechWindowSize);
             if (DetectSpeech()) {
                 _state = Speech;
                 _pauseCounter = 0;
@@ -167,7 +167,7 @@ void AudioAnalyzer::Process(int index)
             GenerateEventResult(t, AnalyzerEvent::SpeechEnd);
             _state = Pause;
         } else {
-            GenerateFrameResults(r - _numPauseFrames / 3);
+            GenerateFrameResults(static_cast<long long>(r) - _numPauseFrames / 3);
         }
         ++_readIndex;
     }
@@ -216,12 +216,13 @@ void AudioAnalyzer::GenerateEventResult(double timeMs, AnalyzerEvent::EventTag t
     _resultDeque.push_back(std::make_shared<AnalyzerEvent>(timeMs, tag));
 }
 
-void AudioAnalyzer::GenerateFrameResults(int index)
+void AudioAnalyzer::GenerateFrameResults(long long index)
 {
     // Never emit a frame that has not been measured. With sane settings the
     // index never exceeds the last measured frame; a negative speech window or
-    // timeout would otherwise run emission ahead of the audio.
-    index = std::min(index, _writeIndex - 1);
+    // timeout would otherwise run emission ahead of the audio. (The index is
+    // formed in 64 bits: frame number minus a negative setting may pass INT_MAX.)
+    index = std::min<long long>(index, _writeIndex - 1);
     const bool isSpeech = _state == Speech;
     while (_frameIndex <= index) {
         const AudioData* frame = _supplyFrameData ? &_audioFrames[_frameIndex % kRingSize] : nullptr;

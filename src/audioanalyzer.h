@@ -160,7 +160,7 @@ private:
     double ComputeEnergy(AudioData::const_iterator first, AudioData::const_iterator last) const;
     int GetNumFrames(int ms) const;
     void GenerateEventResult(double timeMs, AnalyzerEvent::EventTag tag);
-    void GenerateFrameResults(int index);
+    void GenerateFrameResults(long long index);
     void GenerateVolumeMeterResult(AudioData::const_iterator first, AudioData::const_iterator last);
     double GenerateLeftoverFrame();
     double GetdBFS(double val) const;

@@ -1,0 +1,68 @@
+// Parameter strings of any shape for the parser and both classes. Whatever a
+// string says, construction either succeeds or throws std::invalid_argument,
+// and an accepted configuration must then run audio without fault.
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+
+#include "agc.h"
+#include "audioanalyzer.h"
+#include "fuzz_input.h"
+#include "parameters.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
+{
+    if (size < 2)
+        return 0;
+    const double rates[] = {8000.0, 11025.0, 16000.0, 22050.0};
+    const double rate = rates[data[0] % 4];
+    const std::size_t frames = 20 + data[1] % 250;  // up to well past the analyzer's 200-frame rings
+    const std::string text(reinterpret_cast<const char*>(data) + 2, size - 2);
+    std::size_t audioSize;
+    const uint8_t* audio = AudioBytes(&audioSize);
+    const short* samples = reinterpret_cast<const short*>(audio);
+    const std::size_t total = frames * static_cast<std::size_t>(rate / 50);
+
+    try {
+        oku::Parameters p(text);
+        for (const auto& entry : p) {
+            try {
+                (void)p.Get<int>(entry.first);
+                (void)p.Get<unsigned int>(entry.first);
+                (void)p.Get<double>(entry.first);
+                (void)p.Get<float>(entry.first);
+            } catch (const std::invalid_argument&) {
+            }
+        }
+    } catch (const std::invalid_argument&) {
+    }
+
+    try {
+        oku::AudioAnalyzer analyzer(text, rate, data[1] & 1);
+        for (std::size_t i = 0; i < total; i += 997)
+            analyzer.Process(oku::AudioData(samples + i, samples + std::min(total, i + 997)));
+        analyzer.Flush();
+        oku::AnalyzerResultPtr r;
+        while (analyzer.GetResult(r))
+            if (r->GetType() < 0 || r->GetType() > 2)
+                std::abort();
+        analyzer.UpdateParameters(text);
+        analyzer.SetEOSTimeout(static_cast<int>(data[1]) - 128);
+        analyzer.Process(oku::AudioData(samples, samples + total / 2));
+    } catch (const std::invalid_argument&) {
+    }
+
+    try {
+        oku::AGC agc(text, static_cast<int>(rate));
+        float gain = 0.5f;
+        const std::size_t chunk = static_cast<std::size_t>(rate / 50);
+        for (std::size_t i = 0; i + chunk <= total; i += chunk) {
+            gain = agc.ComputeGain(oku::AudioData(samples + i, samples + i + chunk), gain);
+            if (!(gain >= 0.0f && gain <= 1.0f))
+                std::abort();
+        }
+        (void)agc.ComputeGain(oku::AudioData(samples, samples + chunk), 0.0f);
+    } catch (const std::invalid_argument&) {
+    }
+    return 0;
+}
