@@ -10,6 +10,10 @@ using oku::AGC;
 AGC* g_pAgc = nullptr;
 int g_iSamplingRate = 0;
 
+namespace {
+AGC::AudioData g_audioData;  // the chunk being analysed, reused from call to call
+}
+
 extern "C" OKUVAD_API int OKUAGC_Init(const int iSamplingRate_p)
 {
     if (iSamplingRate_p <= 0)
@@ -37,9 +41,10 @@ extern "C" OKUVAD_API int OKUAGC_ComputeGain(const void* pvData_p, const unsigne
         return -1;
     *plCurrentGain_p = 0;
     return oku::boundary::Guard([&] {
-        const AGC::AudioData audioData = oku::boundary::MakeAudioData(pvData_p, uiDataSize_p);
+        const AGC::AudioData& audioData = oku::boundary::MakeAudioData(g_audioData, pvData_p, uiDataSize_p);
         const float fCurrentGain = static_cast<float>(static_cast<double>(lInVolume_p) / lUBound_p);
         const float fNewGain = g_pAgc->ComputeGain(audioData, fCurrentGain);
+        oku::boundary::TrimAudioData(g_audioData);
         // The product is formed in double precision from the float gain and the
         // bound as a float, then truncated: an unchanged 40000 of 65535 comes back
         // as 39999, since the float ratio lies just below the exact one. For bounds
@@ -81,5 +86,6 @@ extern "C" OKUVAD_API int OKUAGC_Deinit(void)
     delete g_pAgc;
     g_pAgc = nullptr;
     g_iSamplingRate = 0;
+    AGC::AudioData().swap(g_audioData);
     return 0;
 }

@@ -14,6 +14,10 @@ using oku::AudioAnalyzer;
 AudioAnalyzer* g_pAudioAnalyzer = nullptr;
 double g_dSamplingRate = 0.0;
 
+namespace {
+oku::AudioData g_audioData;  // the chunk being analysed, reused from call to call
+}
+
 extern "C" OKUVAD_API int OKUVAD_Init(const double dSamplingRate_p)
 {
     return oku::boundary::Guard([&] {
@@ -38,7 +42,8 @@ extern "C" OKUVAD_API int OKUVAD_GetResult(const int iStart_p, const void* pvDat
         if (iStart_p != 0) {
             *pdVolumePeakSignalInSamples_p = 0.0;
             *piVolumeInfo_p = 0;
-            g_pAudioAnalyzer->Process(oku::boundary::MakeAudioData(pvData_p, uiDataSize_p));
+            g_pAudioAnalyzer->Process(oku::boundary::MakeAudioData(g_audioData, pvData_p, uiDataSize_p));
+            oku::boundary::TrimAudioData(g_audioData);
         }
         AnalyzerResultPtr result;
         while (g_pAudioAnalyzer->GetResult(result)) {
@@ -72,5 +77,6 @@ extern "C" OKUVAD_API int OKUVAD_Deinit(void)
 {
     delete g_pAudioAnalyzer;
     g_pAudioAnalyzer = nullptr;
+    oku::AudioData().swap(g_audioData);
     return 0;
 }

@@ -189,18 +189,28 @@ int AGC::LogStartMs(int frames) const
 
 // ---- AGC: measurement ----------------------------------------------------------
 
+namespace {
+
+// The level in dB of `count` samples whose squares sum exactly to sum.
+float PowerFromSum(double sum, long long count)
+{
+    if (count == 0)
+        return 0.0f;
+    const double mean = sum / static_cast<double>(count);
+    if (mean > 1.0)
+        return static_cast<float>(10.0 * std::log10(static_cast<float>(mean)));
+    return 0.0f;
+}
+
+}  // namespace
+
 float AGC::ComputePower(AudioData::const_iterator first, AudioData::const_iterator last)
 {
-    if (first == last)
-        return 0.0f;
     long long sum = 0;
     const long long count = last - first;
     for (; first != last; ++first)
         sum += static_cast<long long>(*first) * *first;
-    const double mean = static_cast<double>(sum) / static_cast<double>(count);
-    if (mean > 1.0)
-        return static_cast<float>(10.0 * std::log10(static_cast<float>(mean)));
-    return 0.0f;
+    return PowerFromSum(static_cast<double>(sum), count);
 }
 
 float AGC::ComputeClippingFraction(AudioData::const_iterator first, AudioData::const_iterator last)
@@ -216,8 +226,10 @@ float AGC::ComputeClippingFraction(AudioData::const_iterator first, AudioData::c
 
 void AGC::Process(AudioData& frame)
 {
-    _f.Filter(frame.begin(), frame.end());
-    _h.Update(ComputePower(frame.begin(), frame.end()));
+    // The filter hands back the exact sum of squares of the filtered frame:
+    // the same level ComputePower would measure, without a second pass.
+    const double sum = _f.FilterAndSumSquares(frame.begin(), frame.end());
+    _h.Update(PowerFromSum(sum, static_cast<long long>(frame.size())));
 }
 
 // ---- AGC: decision ---------------------------------------------------------------
@@ -302,10 +314,10 @@ float AGC::ComputeGain(const AudioData& a, float curGain)
         return curGain;
     }
     const float clippingFraction = ComputeClippingFraction(_audioBuffer.begin(), _audioBuffer.end());
-    AudioData frame(samplesPerFrame);
+    _frame.resize(samplesPerFrame);
     for (std::size_t i = 0; i + samplesPerFrame <= _audioBuffer.size(); i += samplesPerFrame) {
-        std::copy(_audioBuffer.begin() + i, _audioBuffer.begin() + i + samplesPerFrame, frame.begin());
-        Process(frame);
+        std::copy(_audioBuffer.begin() + i, _audioBuffer.begin() + i + samplesPerFrame, _frame.begin());
+        Process(_frame);
     }
     const float newGain = ComputeGain(curGain, clippingFraction);
     _audioBuffer.clear();

@@ -188,6 +188,7 @@ private:
     HighpassFilter _f;
     AudioData _audioBuffer;
     ostreamptr _logStream;
+    AudioData _frame;  // working frame of an update, kept so that updates do not allocate it
 };
 
 // Writes x to the stream os holds, if any, and flushes it, so that a line cut

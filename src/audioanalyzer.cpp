@@ -105,13 +105,11 @@ void AudioAnalyzer::Process(const AudioData& audioData)
 {
     _audioBuffer.insert(_audioBuffer.end(), audioData.begin(), audioData.end());
     const std::size_t samplesPerFrame = static_cast<std::size_t>(_samplesPerFrame);
+    _frame.resize(samplesPerFrame);
     std::size_t i = 0;
-    if (_audioBuffer.size() >= samplesPerFrame) {
-        AudioData frame(samplesPerFrame);
-        for (; i + samplesPerFrame <= _audioBuffer.size(); i += samplesPerFrame) {
-            std::copy(_audioBuffer.begin() + i, _audioBuffer.begin() + i + samplesPerFrame, frame.begin());
-            ProcessFrame(frame);
-        }
+    for (; i + samplesPerFrame <= _audioBuffer.size(); i += samplesPerFrame) {
+        std::copy(_audioBuffer.begin() + i, _audioBuffer.begin() + i + samplesPerFrame, _frame.begin());
+        ProcessFrame(_frame);
     }
     GenerateVolumeMeterResult(_audioBuffer.begin(), _audioBuffer.begin() + i);
     _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + i);
@@ -122,8 +120,8 @@ void AudioAnalyzer::ProcessFrame(AudioData& frame)
     const int slot = _writeIndex % kRingSize;
     if (_supplyFrameData)
         _audioFrames[slot].assign(frame.begin(), frame.end());
-    _highpassFilter.Filter(frame.begin(), frame.end());
-    const double energy = ComputeEnergy(frame.begin(), frame.end());
+    // The filter hands back the frame's sum of squares, so the energy needs no second pass.
+    const double energy = ComputeEnergy(_highpassFilter.FilterAndSumSquares(frame.begin(), frame.end()), frame.size());
     _histogram.Update(energy);
     _energyWindow[slot] = energy;
     ++_writeIndex;
@@ -131,19 +129,12 @@ void AudioAnalyzer::ProcessFrame(AudioData& frame)
         Process(_writeIndex - 1);
 }
 
-double AudioAnalyzer::ComputeEnergy(AudioData::const_iterator first, AudioData::const_iterator last) const
+double AudioAnalyzer::ComputeEnergy(double sumOfSquares, std::size_t count) const
 {
     // Every square is below 2^31 and a frame has at most 441 samples, so the
     // sum is an exact integer in double precision whatever the order.
-    double sum = 0.0;
-    std::size_t count = 0;
-    for (; first != last; ++first, ++count) {
-        const double s = *first;
-        sum += s * s;
-    }
-    if (count != 0)
-        sum /= static_cast<double>(count);
-    return sum > 1.0 ? 10.0 * std::log10(sum) : 0.0;
+    const double mean = count != 0 ? sumOfSquares / static_cast<double>(count) : sumOfSquares;
+    return mean > 1.0 ? 10.0 * std::log10(mean) : 0.0;
 }
 
 void AudioAnalyzer::Process(int index)
@@ -263,8 +254,7 @@ bool AudioAnalyzer::GetResult(AnalyzerResultPtr& p)
 {
     if (_resultDeque.empty())
         return false;
-    p = std::move(_resultDeque.front());
-    _resultDeque.pop_front();
+    p = _resultDeque.pop_front();
     return true;
 }
 

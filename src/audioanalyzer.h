@@ -3,7 +3,6 @@
 #define OKU_AUDIOANALYZER_H
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -107,6 +106,46 @@ private:
     bool _isSpeechSegmentFrame;
 };
 
+// A first-in first-out queue of results on a growable ring, so that a queue
+// that is filled and drained call after call allocates nothing once it has
+// grown to its working size.
+class ResultQueue {
+public:
+    bool empty() const { return _count == 0; }
+    std::size_t size() const { return _count; }
+
+    void push_back(AnalyzerResultPtr p)
+    {
+        if (_count == _ring.size())
+            Grow();
+        _ring[(_head + _count) % _ring.size()] = std::move(p);
+        ++_count;
+    }
+
+    // Moves the oldest result out. Precondition: not empty.
+    AnalyzerResultPtr pop_front()
+    {
+        AnalyzerResultPtr p = std::move(_ring[_head]);
+        _head = (_head + 1) % _ring.size();
+        --_count;
+        return p;
+    }
+
+private:
+    void Grow()
+    {
+        std::vector<AnalyzerResultPtr> bigger(_ring.empty() ? 64 : 2 * _ring.size());
+        for (std::size_t i = 0; i < _count; ++i)
+            bigger[i] = std::move(_ring[(_head + i) % _ring.size()]);
+        _ring.swap(bigger);
+        _head = 0;
+    }
+
+    std::vector<AnalyzerResultPtr> _ring;
+    std::size_t _head = 0;
+    std::size_t _count = 0;
+};
+
 // Cuts mono 16-bit audio into frames of about 20 ms, high-pass filters and
 // measures each frame, decides between speech and pause, and queues events,
 // audio frames and one volume meter reading per chunk.
@@ -157,7 +196,9 @@ private:
     void Process(int index);
     bool DetectSpeech();
     bool DetectPause();
-    double ComputeEnergy(AudioData::const_iterator first, AudioData::const_iterator last) const;
+    // Energy in dB of a frame of `count` samples whose squares sum to sumOfSquares:
+    // 10 log10 of the mean square, 0 when that is at most 1.
+    double ComputeEnergy(double sumOfSquares, std::size_t count) const;
     int GetNumFrames(int ms) const;
     void GenerateEventResult(double timeMs, AnalyzerEvent::EventTag tag);
     void GenerateFrameResults(long long index);
@@ -195,7 +236,8 @@ private:
     State _state;
     std::vector<AudioData> _audioFrames;
     AudioData _audioBuffer;
-    std::deque<AnalyzerResultPtr> _resultDeque;
+    ResultQueue _resultDeque;  // results waiting to be taken, oldest first
+    AudioData _frame;  // working frame of Process, kept so that calls do not allocate it
 };
 
 }  // namespace oku
