@@ -4,11 +4,12 @@
 #   make tsan   the thread tests under ThreadSanitizer
 #   make fuzz   each fuzz target for FUZZ_SECONDS (default 60)
 #   make memcheck  the unit tests and the oku command under valgrind
+#   make bench  benchmarks in Release beside the reference kernel and peer libraries
 BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build run test tsan fuzz memcheck clean
+.PHONY: all setup build run test tsan fuzz memcheck bench clean
 FUZZ_SECONDS ?= 60
 
 all: build
@@ -42,6 +43,16 @@ fuzz: setup
 
 memcheck: build
 	scripts/memcheck.sh $(BUILD)
+
+# Benchmarks: a Release build of their own, medians of 5 repetitions, then the table.
+bench:
+	@scripts/setup.sh libbenchmark-dev libwebrtc-audio-processing-dev libspeexdsp-dev
+	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DOKU_BUILD_BENCH=ON \
+	      -DOKU_BUILD_TESTS=OFF -DOKU_BUILD_TOOLS=OFF -DOKU_BUILD_EXAMPLES=OFF
+	cmake --build build-bench -j $(JOBS)
+	build-bench/bench/oku_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+	      --benchmark_out=build-bench/results.json --benchmark_out_format=json $(BENCH_FLAGS)
+	python3 bench/report.py build-bench/results.json
 
 clean:
 	rm -rf $(BUILD)

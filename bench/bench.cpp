@@ -1,0 +1,269 @@
+// Speed of the analyzer and the gain control, beside a plain reference kernel
+// (the work that cannot be avoided) and peer libraries, on the same audio.
+//
+// Every case reports samples per second (items_per_second) and how many times
+// faster than real time it runs ("x_realtime"); bench/report.py turns a JSON
+// run into the table of ns per sample with kernel and peer ratios.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <speex/speex_preprocess.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "agc.h"
+#include "audio.h"
+#include "audioanalyzer.h"
+#include "okuvad.h"
+#include "peers.h"
+
+namespace {
+
+// Sends stderr to /dev/null until Restore or destruction.
+class QuietStderr {
+public:
+    QuietStderr() : _saved(dup(2))
+    {
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, 2);
+        close(null);
+    }
+    ~QuietStderr() { Restore(); }
+    void Restore()
+    {
+        if (_saved >= 0) {
+            dup2(_saved, 2);
+            close(_saved);
+            _saved = -1;
+        }
+    }
+
+private:
+    int _saved;
+};
+
+// Samples (items) and bytes per second, and seconds of audio per second of time.
+void Count(benchmark::State& state, std::size_t samples, int rate)
+{
+    const double n = static_cast<double>(samples);
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * samples));
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * samples * 2));
+    state.counters["x_realtime"] = benchmark::Counter(n / rate, benchmark::Counter::kIsIterationInvariantRate);
+}
+
+// The reference kernel: the filter recursion with rounding and clipping, the
+// sum of squares and one logarithm per frame, written as plainly as possible.
+void Kernel(benchmark::State& state, int rate)
+{
+    const std::vector<short>& x = okubench::Speech(rate);
+    double b1, b2, a2, a3;
+    switch (rate) {
+    case 8000: b1 = 0.8399; b2 = -1.6796; a2 = -1.8787; a3 = 0.8905; break;
+    case 11025: b1 = 0.8539; b2 = -1.7077; a2 = -1.9129; a3 = 0.9193; break;
+    case 16000: b1 = 0.8655; b2 = -1.7309; a2 = -1.9406; a3 = 0.9436; break;
+    default: b1 = 0.8725; b2 = -1.7450; a2 = -1.9572; a3 = 0.9588; break;
+    }
+    const std::size_t frame = static_cast<std::size_t>(rate / 50);
+    for (auto _ : state) {
+        double z1 = 0, z2 = 0, total = 0;
+        for (std::size_t f = 0; f + frame <= x.size(); f += frame) {
+            double sum = 0;
+            for (std::size_t i = f; i < f + frame; ++i) {
+                const double in = x[i];
+                const double out = b1 * in + z1;
+                z1 = (b2 * in + z2) - a2 * out;
+                z2 = b1 * in - a3 * out;
+                const double c = out > 32767.0 ? 32767.0 : (out < -32768.0 ? -32768.0 : out);
+                const double s = static_cast<short>(std::floor(c + 0.5));
+                sum += s * s;
+            }
+            const double mean = sum / static_cast<double>(frame);
+            total += mean > 1.0 ? 10.0 * std::log10(mean) : 0.0;
+        }
+        benchmark::DoNotOptimize(total);
+    }
+    Count(state, x.size() / frame * frame, rate);
+}
+
+// The analyzer through the exported functions, drained as a host drains them.
+void VadExported(benchmark::State& state, int rate, int chunkMs, double seconds)
+{
+    const std::vector<short>& x = okubench::Speech(rate, seconds);
+    const std::size_t chunk = static_cast<std::size_t>(rate * chunkMs / 1000);
+    for (auto _ : state) {
+        OKUVAD_Init(rate);
+        int result, info;
+        double value;
+        for (std::size_t i = 0; i + chunk <= x.size(); i += chunk) {
+            int start = 1;
+            do {
+                OKUVAD_GetResult(start, &x[i], static_cast<unsigned int>(chunk * 2), &result, &value, &info);
+                start = 0;
+            } while (result > 0);
+        }
+        OKUVAD_Deinit();
+    }
+    Count(state, x.size() / chunk * chunk, rate);
+}
+
+// The analyzer class, frame data off, every result taken from the queue.
+void VadClass(benchmark::State& state, int rate, int chunkMs)
+{
+    const std::vector<short>& x = okubench::Speech(rate);
+    const std::size_t chunk = static_cast<std::size_t>(rate * chunkMs / 1000);
+    oku::AudioData buffer(chunk);
+    for (auto _ : state) {
+        oku::AudioAnalyzer analyzer("", rate, false);
+        oku::AnalyzerResultPtr r;
+        for (std::size_t i = 0; i + chunk <= x.size(); i += chunk) {
+            buffer.assign(x.begin() + static_cast<long>(i), x.begin() + static_cast<long>(i + chunk));
+            analyzer.Process(buffer);
+            while (analyzer.GetResult(r))
+                benchmark::DoNotOptimize(r->GetType());
+        }
+    }
+    Count(state, x.size() / chunk * chunk, rate);
+}
+
+// The gain control through the exported functions, the volume fed back.
+void AgcExported(benchmark::State& state, int rate, int chunkMs, double seconds)
+{
+    const std::vector<short>& x = okubench::Speech(rate, seconds);
+    const std::size_t chunk = static_cast<std::size_t>(rate * chunkMs / 1000);
+    for (auto _ : state) {
+        OKUAGC_Deinit();
+        OKUAGC_Init(rate);
+        long volume = 20000;
+        for (std::size_t i = 0; i + chunk <= x.size(); i += chunk)
+            OKUAGC_ComputeGain(&x[i], static_cast<unsigned int>(chunk * 2), volume, 65535, &volume);
+        benchmark::DoNotOptimize(volume);
+    }
+    OKUAGC_Deinit();
+    Count(state, x.size() / chunk * chunk, rate);
+}
+
+void AgcClass(benchmark::State& state, int rate, int chunkMs)
+{
+    const std::vector<short>& x = okubench::Speech(rate);
+    const std::size_t chunk = static_cast<std::size_t>(rate * chunkMs / 1000);
+    oku::AudioData buffer(chunk);
+    for (auto _ : state) {
+        oku::AGC agc("", rate);
+        float gain = 0.3f;
+        for (std::size_t i = 0; i + chunk <= x.size(); i += chunk) {
+            buffer.assign(x.begin() + static_cast<long>(i), x.begin() + static_cast<long>(i + chunk));
+            gain = agc.ComputeGain(buffer, gain);
+        }
+        benchmark::DoNotOptimize(gain);
+    }
+    Count(state, x.size() / chunk * chunk, rate);
+}
+
+void WebRtcVad(benchmark::State& state, int rate)
+{
+    const std::vector<short>& x = okubench::Speech(rate);
+    const std::size_t frame = static_cast<std::size_t>(rate / 50);
+    for (auto _ : state) {
+        WebRtcVadInst* vad = WebRtcVad_Create();
+        WebRtcVad_Init(vad);
+        WebRtcVad_set_mode(vad, 2);
+        int speech = 0;
+        for (std::size_t i = 0; i + frame <= x.size(); i += frame) {
+            const int decision = WebRtcVad_Process(vad, rate, &x[i], frame);
+            if (decision < 0) {
+                state.SkipWithError("WebRtcVad_Process failed");
+                break;
+            }
+            speech += decision;
+        }
+        benchmark::DoNotOptimize(speech);
+        WebRtcVad_Free(vad);
+    }
+    Count(state, x.size() / frame * frame, rate);
+}
+
+void WebRtcAgc(benchmark::State& state, int rate)
+{
+    const std::vector<short>& x = okubench::Speech(rate);
+    const std::size_t frame = static_cast<std::size_t>(rate / 100);  // the legacy AGC takes 10 ms
+    std::vector<short> buffer(frame);
+    for (auto _ : state) {
+        void* agc = WebRtcAgc_Create();
+        WebRtcAgc_Init(agc, 0, 255, kWebRtcAgcModeAdaptiveAnalog, static_cast<uint32_t>(rate));
+        int32_t level = 80;
+        for (std::size_t i = 0; i + frame <= x.size(); i += frame) {
+            buffer.assign(x.begin() + static_cast<long>(i), x.begin() + static_cast<long>(i + frame));
+            int16_t* bands[1] = {buffer.data()};
+            const int16_t* in[1] = {buffer.data()};
+            uint8_t saturated = 0;
+            int32_t out = level;
+            if (WebRtcAgc_AddMic(agc, bands, 1, frame) != 0 ||
+                WebRtcAgc_Process(agc, in, 1, frame, bands, level, &out, 0, &saturated) != 0) {
+                state.SkipWithError("WebRtcAgc failed");
+                break;
+            }
+            level = out;
+        }
+        benchmark::DoNotOptimize(level);
+        WebRtcAgc_Free(agc);
+    }
+    Count(state, x.size() / frame * frame, rate);
+}
+
+void SpeexPreprocess(benchmark::State& state, int rate)
+{
+    const std::vector<short>& x = okubench::Speech(rate);
+    const int frame = rate / 50;
+    std::vector<spx_int16_t> buffer(static_cast<std::size_t>(frame));
+    for (auto _ : state) {
+        SpeexPreprocessState* st = speex_preprocess_state_init(frame, rate);
+        int on = 1;
+        QuietStderr quiet;  // speexdsp prints a warning each time its VAD is switched on
+        speex_preprocess_ctl(st, SPEEX_PREPROCESS_SET_VAD, &on);
+        quiet.Restore();
+        speex_preprocess_ctl(st, SPEEX_PREPROCESS_SET_AGC, &on);
+        int speech = 0;
+        for (std::size_t i = 0; i + static_cast<std::size_t>(frame) <= x.size(); i += static_cast<std::size_t>(frame)) {
+            buffer.assign(x.begin() + static_cast<long>(i), x.begin() + static_cast<long>(i) + frame);
+            speech += speex_preprocess_run(st, buffer.data());
+        }
+        benchmark::DoNotOptimize(speech);
+        speex_preprocess_state_destroy(st);
+    }
+    Count(state, x.size() / static_cast<std::size_t>(frame) * static_cast<std::size_t>(frame), rate);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const int rates[] = {8000, 11025, 16000, 22050};
+    for (int rate : rates) {
+        const std::string r = std::to_string(rate);
+        benchmark::RegisterBenchmark(("kernel/" + r).c_str(), Kernel, rate);
+        for (int ms : {10, 20, 100}) {
+            const std::string c = r + "/" + std::to_string(ms) + "ms";
+            benchmark::RegisterBenchmark(("vad_exported/" + c).c_str(), VadExported, rate, ms, 60.0);
+            benchmark::RegisterBenchmark(("vad_class/" + c).c_str(), VadClass, rate, ms);
+            benchmark::RegisterBenchmark(("agc_exported/" + c).c_str(), AgcExported, rate, ms, 60.0);
+            benchmark::RegisterBenchmark(("agc_class/" + c).c_str(), AgcClass, rate, ms);
+        }
+    }
+    for (int rate : {8000, 16000}) {
+        const std::string r = std::to_string(rate);
+        benchmark::RegisterBenchmark(("webrtc_vad/" + r).c_str(), WebRtcVad, rate);
+        benchmark::RegisterBenchmark(("webrtc_agc/" + r).c_str(), WebRtcAgc, rate);
+        benchmark::RegisterBenchmark(("speex_preprocess/" + r).c_str(), SpeexPreprocess, rate);
+    }
+    // Cost per second of audio must not grow with the length of the stream.
+    benchmark::RegisterBenchmark("vad_exported_1min/16000/20ms", VadExported, 16000, 20, 60.0);
+    benchmark::RegisterBenchmark("vad_exported_1h/16000/20ms", VadExported, 16000, 20, 3600.0)->Iterations(3);
+    benchmark::RegisterBenchmark("agc_exported_1min/16000/20ms", AgcExported, 16000, 20, 60.0);
+    benchmark::RegisterBenchmark("agc_exported_1h/16000/20ms", AgcExported, 16000, 20, 3600.0)->Iterations(3);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
