@@ -224,12 +224,13 @@ float AGC::ComputeClippingFraction(AudioData::const_iterator first, AudioData::c
     return static_cast<float>(static_cast<double>(clipped) / static_cast<double>(count));
 }
 
-void AGC::Process(AudioData& frame)
+void AGC::Process(AudioData::const_iterator first, AudioData::const_iterator last)
 {
     // The filter hands back the exact sum of squares of the filtered frame:
-    // the same level ComputePower would measure, without a second pass.
-    const double sum = _f.FilterAndSumSquares(frame.begin(), frame.end());
-    _h.Update(PowerFromSum(sum, static_cast<long long>(frame.size())));
+    // the level ComputePower would measure on it, without a copy of the frame
+    // and without a second pass.
+    const double sum = _f.Measure(first, last, nullptr);
+    _h.Update(PowerFromSum(sum, static_cast<long long>(last - first)));
 }
 
 // ---- AGC: decision ---------------------------------------------------------------
@@ -314,10 +315,9 @@ float AGC::ComputeGain(const AudioData& a, float curGain)
         return curGain;
     }
     const float clippingFraction = ComputeClippingFraction(_audioBuffer.begin(), _audioBuffer.end());
-    _frame.resize(samplesPerFrame);
     for (std::size_t i = 0; i + samplesPerFrame <= _audioBuffer.size(); i += samplesPerFrame) {
-        std::copy(_audioBuffer.begin() + i, _audioBuffer.begin() + i + samplesPerFrame, _frame.begin());
-        Process(_frame);
+        const AudioData::const_iterator frame = _audioBuffer.begin() + static_cast<std::ptrdiff_t>(i);
+        Process(frame, frame + static_cast<std::ptrdiff_t>(samplesPerFrame));
     }
     const float newGain = ComputeGain(curGain, clippingFraction);
     _audioBuffer.clear();

@@ -142,7 +142,9 @@ public:
     static int GetSamplesPerFrame(int samplingRate) { return GetFrameSizeMs() * samplingRate / 1000; }
 
 private:
-    void Process(AudioData& frame);
+    // Measures one frame of the buffer [first, last): filtered and its level
+    // added to the level window (the buffer itself is left as it is).
+    void Process(AudioData::const_iterator first, AudioData::const_iterator last);
     float ComputeGain(float curGain, float clippingFraction);
     bool DetectSpeech(float a, float b) const;
     bool DetectPause(float a, float b) const;
@@ -188,7 +190,6 @@ private:
     HighpassFilter _f;
     AudioData _audioBuffer;
     ostreamptr _logStream;
-    AudioData _frame;  // working frame of an update, kept so that updates do not allocate it
 };
 
 // Writes x to the stream os holds, if any, and flushes it, so that a line cut

@@ -105,23 +105,25 @@ void AudioAnalyzer::Process(const AudioData& audioData)
 {
     _audioBuffer.insert(_audioBuffer.end(), audioData.begin(), audioData.end());
     const std::size_t samplesPerFrame = static_cast<std::size_t>(_samplesPerFrame);
-    _frame.resize(samplesPerFrame);
+    _chunkPeak = 0;
     std::size_t i = 0;
-    for (; i + samplesPerFrame <= _audioBuffer.size(); i += samplesPerFrame) {
-        std::copy(_audioBuffer.begin() + i, _audioBuffer.begin() + i + samplesPerFrame, _frame.begin());
-        ProcessFrame(_frame);
-    }
-    GenerateVolumeMeterResult(_audioBuffer.begin(), _audioBuffer.begin() + i);
-    _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + i);
+    for (; i + samplesPerFrame <= _audioBuffer.size(); i += samplesPerFrame)
+        ProcessFrame(_audioBuffer.begin() + static_cast<std::ptrdiff_t>(i));
+    GenerateVolumeMeterResult(static_cast<long long>(i), _chunkPeak);
+    _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + static_cast<std::ptrdiff_t>(i));
 }
 
-void AudioAnalyzer::ProcessFrame(AudioData& frame)
+void AudioAnalyzer::ProcessFrame(AudioData::const_iterator frame)
 {
+    const AudioData::const_iterator end = frame + _samplesPerFrame;
     const int slot = _writeIndex % kRingSize;
     if (_supplyFrameData)
-        _audioFrames[slot].assign(frame.begin(), frame.end());
-    // The filter hands back the frame's sum of squares, so the energy needs no second pass.
-    const double energy = ComputeEnergy(_highpassFilter.FilterAndSumSquares(frame.begin(), frame.end()), frame.size());
+        _audioFrames[slot].assign(frame, end);
+    // The frame is measured as it is filtered: the filtered samples themselves
+    // are not needed, only their sum of squares (for the energy) and the peak
+    // of the raw samples (for the volume meter), so the frame is not copied.
+    const double energy =
+        ComputeEnergy(_highpassFilter.Measure(frame, end, &_chunkPeak), static_cast<std::size_t>(_samplesPerFrame));
     _histogram.Update(energy);
     _energyWindow[slot] = energy;
     ++_writeIndex;
@@ -263,14 +265,10 @@ double AudioAnalyzer::GetdBFS(double val) const
     return 20.0 * std::log10(std::max(val, 1.0) / 32768);
 }
 
-void AudioAnalyzer::GenerateVolumeMeterResult(AudioData::const_iterator first, AudioData::const_iterator last)
+void AudioAnalyzer::GenerateVolumeMeterResult(long long numSamples, int maxVal)
 {
-    if (first == last)
+    if (numSamples == 0)
         return;
-    int maxVal = 0;
-    for (AudioData::const_iterator it = first; it != last; ++it)
-        maxVal = std::max(maxVal, std::abs(static_cast<int>(*it)));
-    const long long numSamples = last - first;
     double volumedBFS = GetdBFS(maxVal);
     const long long numFrames = numSamples / _samplesPerFrame;
 

@@ -192,7 +192,8 @@ public:
 private:
     static constexpr int kRingSize = 200;  // frames held by both rings (about 4 s)
 
-    void ProcessFrame(AudioData& frame);
+    // Measures the frame that starts at `frame` (a whole frame of _audioBuffer).
+    void ProcessFrame(AudioData::const_iterator frame);
     void Process(int index);
     bool DetectSpeech();
     bool DetectPause();
@@ -202,7 +203,9 @@ private:
     int GetNumFrames(int ms) const;
     void GenerateEventResult(double timeMs, AnalyzerEvent::EventTag tag);
     void GenerateFrameResults(long long index);
-    void GenerateVolumeMeterResult(AudioData::const_iterator first, AudioData::const_iterator last);
+    // The reading of a chunk whose whole frames hold numSamples samples with
+    // the given peak (measured while the frames were filtered).
+    void GenerateVolumeMeterResult(long long numSamples, int peak);
     double GenerateLeftoverFrame();
     double GetdBFS(double val) const;
 
@@ -237,7 +240,7 @@ private:
     std::vector<AudioData> _audioFrames;
     AudioData _audioBuffer;
     ResultQueue _resultDeque;  // results waiting to be taken, oldest first
-    AudioData _frame;  // working frame of Process, kept so that calls do not allocate it
+    int _chunkPeak = 0;  // largest absolute raw sample of the frames of the current Process call
 };
 
 }  // namespace oku

@@ -41,7 +41,7 @@ public:
     template <typename Iterator>
     void Filter(Iterator begin, Iterator end)
     {
-        FilterAndSumSquares(begin, end);
+        Run<true>(begin, end, nullptr);
     }
 
     // Filter, returning the sum of the squares of the samples written. Each
@@ -50,22 +50,18 @@ public:
     template <typename Iterator>
     double FilterAndSumSquares(Iterator begin, Iterator end)
     {
-        // The state lives in registers for the loop; the recursion keeps its
-        // order: out = b1 x + z1, z1 = (b2 x + z2) - a2 out, z2 = b3 x - a3 out.
-        double z1 = _z1, z2 = _z2, sum = 0.0;
-        const double b1 = _b1, b2 = _b2, b3 = _b3, a2 = _a2, a3 = _a3;
-        for (Iterator it = begin; it != end; ++it) {
-            const double sampleIn = *it;
-            const double sampleOut = b1 * sampleIn + z1;
-            z1 = (b2 * sampleIn + z2) - a2 * sampleOut;
-            z2 = b3 * sampleIn - a3 * sampleOut;
-            const short y = RoundToSample(sampleOut);
-            *it = y;
-            sum += static_cast<double>(y) * y;
-        }
-        _z1 = z1;
-        _z2 = z2;
-        return sum;
+        return Run<true>(begin, end, nullptr);
+    }
+
+    // Runs [begin, end) through the filter as Filter does, but leaves the
+    // samples as they are: returns the sum of the squares of the samples
+    // Filter would have written and raises *inputPeak (when given) to the
+    // largest absolute input sample. For callers that only measure the
+    // filtered signal and still need the raw one.
+    template <typename Iterator>
+    double Measure(Iterator begin, Iterator end, int* inputPeak)
+    {
+        return Run<false>(begin, end, inputPeak);
     }
 
     // Filters one sample and returns the rounded, clipped output.
@@ -98,6 +94,35 @@ public:
     double GetZ2() const { return _z2; }
 
 private:
+    template <bool write, typename Iterator>
+    double Run(Iterator begin, Iterator end, int* inputPeak)
+    {
+        // The state lives in registers for the loop; the recursion keeps its
+        // order: out = b1 x + z1, z1 = (b2 x + z2) - a2 out, z2 = b3 x - a3 out.
+        // The square sum and the peak are off the recursion's critical path.
+        double z1 = _z1, z2 = _z2, sum = 0.0;
+        const double b1 = _b1, b2 = _b2, b3 = _b3, a2 = _a2, a3 = _a3;
+        int peak = inputPeak ? *inputPeak : 0;
+        for (Iterator it = begin; it != end; ++it) {
+            const int raw = *it;
+            const double sampleIn = raw;
+            const double sampleOut = b1 * sampleIn + z1;
+            z1 = (b2 * sampleIn + z2) - a2 * sampleOut;
+            z2 = b3 * sampleIn - a3 * sampleOut;
+            const short y = RoundToSample(sampleOut);
+            if constexpr (write)
+                *it = y;
+            sum += static_cast<double>(y) * y;
+            const int magnitude = raw < 0 ? -raw : raw;
+            peak = magnitude > peak ? magnitude : peak;
+        }
+        _z1 = z1;
+        _z2 = z2;
+        if (inputPeak)
+            *inputPeak = peak;
+        return sum;
+    }
+
     void Load(double b1, double b2, double a2, double a3)
     {
         _b1 = b1;
