@@ -44,13 +44,16 @@ fuzz: setup
 memcheck: build
 	scripts/memcheck.sh $(BUILD)
 
-# Benchmarks: a Release build of their own, medians of 5 repetitions, then the table.
+# Benchmarks: a Release build of their own, then the table. Repetitions are
+# interleaved at random, so that a machine whose speed drifts during the run
+# (a shared virtual machine, say) weighs on every case alike; medians are used.
 bench:
 	@scripts/setup.sh libbenchmark-dev libwebrtc-audio-processing-dev libspeexdsp-dev
 	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DOKU_BUILD_BENCH=ON \
 	      -DOKU_BUILD_TESTS=OFF -DOKU_BUILD_TOOLS=OFF -DOKU_BUILD_EXAMPLES=OFF
 	cmake --build build-bench -j $(JOBS)
-	build-bench/bench/oku_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+	build-bench/bench/oku_bench --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true \
+	      --benchmark_min_time=0.2 --benchmark_report_aggregates_only=true \
 	      --benchmark_out=build-bench/results.json --benchmark_out_format=json $(BENCH_FLAGS)
 	python3 bench/report.py build-bench/results.json
 

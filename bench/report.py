@@ -15,6 +15,7 @@ def load(path):
     rows = {}
     for b in run["benchmarks"]:
         name = b["run_name"] if "run_name" in b else b["name"]
+        name = name.split("/iterations:")[0]
         if b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median":
             continue
         rows[name] = {"ns": 1e9 / b["items_per_second"], "x": b.get("x_realtime", 0.0)}
@@ -29,7 +30,15 @@ def main(path):
     print()
     print("| case | ns/sample | x real time | kernel ratio |")
     print("|---|---:|---:|---:|")
-    for name, r in rows.items():
+    kinds = ["kernel", "vad_exported", "vad_class", "agc_exported", "agc_class"]
+
+    def order(name):
+        parts = name.split("/")
+        chunk = int(parts[2].rstrip("ms")) if len(parts) > 2 else 0
+        return (int(parts[1]), kinds.index(parts[0]) if parts[0] in kinds else 99, chunk)
+
+    for name in sorted(rows, key=order):
+        r = rows[name]
         if name.startswith(("webrtc", "speex")) or "_1" in name.split("/")[0]:
             continue
         rate = name.split("/")[1]
