@@ -4,7 +4,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+
+// A broken promise of the interface under test: say which, and stop.
+#define Check(ok)                                                                         \
+    do {                                                                                  \
+        if (!(ok)) {                                                                      \
+            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #ok); \
+            std::abort();                                                                 \
+        }                                                                                 \
+    } while (0)
 
 class FuzzInput {
 public:
