@@ -42,17 +42,10 @@ extern "C" OKUVAD_API int OKUAGC_ComputeGain(const void* pvData_p, const unsigne
     *plCurrentGain_p = 0;
     return oku::boundary::Guard([&] {
         const AGC::AudioData& audioData = oku::boundary::MakeAudioData(g_audioData, pvData_p, uiDataSize_p);
-        const float fCurrentGain = static_cast<float>(static_cast<double>(lInVolume_p) / lUBound_p);
+        const float fCurrentGain = AGC::GainFromVolume(lInVolume_p, lUBound_p);
         const float fNewGain = g_pAgc->ComputeGain(audioData, fCurrentGain);
         oku::boundary::TrimAudioData(g_audioData);
-        // The product is formed in double precision from the float gain and the
-        // bound as a float, then truncated: an unchanged 40000 of 65535 comes back
-        // as 39999, since the float ratio lies just below the exact one. For bounds
-        // above 2^24 the bound as a float may exceed the bound itself (or the
-        // range of long), so the result is held to the bound.
-        const double bound = static_cast<float>(lUBound_p);
-        const double product = static_cast<double>(fNewGain) * bound;
-        *plCurrentGain_p = product >= bound ? lUBound_p : static_cast<long>(product);
+        *plCurrentGain_p = AGC::VolumeFromGain(fNewGain, lUBound_p);
         return 0;
     });
 }

@@ -406,6 +406,18 @@ unsigned short AGC::ComputeGain(const AudioData& a, unsigned short gain)
     return static_cast<unsigned short>(static_cast<int>(static_cast<double>(newGain) * 65535));
 }
 
+float AGC::GainFromVolume(long volume, long bound)
+{
+    return static_cast<float>(static_cast<double>(volume) / static_cast<double>(bound));
+}
+
+long AGC::VolumeFromGain(float gain, long bound)
+{
+    const double limit = static_cast<float>(bound);
+    const double product = static_cast<double>(gain) * limit;
+    return product >= limit ? bound : static_cast<long>(product);
+}
+
 float AGC::ComputeRandomGain(const AudioData& a, float curGain, float maxDiffdB)
 {
     if (!(curGain >= 0.0f && curGain <= 1.0f))

@@ -138,6 +138,14 @@ public:
 
     static float ComputePower(AudioData::const_iterator first, AudioData::const_iterator last);
     static float ComputeClippingFraction(AudioData::const_iterator first, AudioData::const_iterator last);
+    // A host's volume (0 to bound) as a gain: the ratio in double, rounded to float.
+    static float GainFromVolume(long volume, long bound);
+    // A gain as a host's volume: gain times the bound as a float, formed in
+    // double and truncated, so that an unchanged 40000 of 65535 comes back as
+    // 39999. Held to the bound, which for bounds above 2^24 the bound as a
+    // float may exceed (up to LONG_MAX).
+    static long VolumeFromGain(float gain, long bound);
+
     static int GetFrameSizeMs() { return 20; }
     static int GetSamplesPerFrame(int samplingRate) { return GetFrameSizeMs() * samplingRate / 1000; }
 

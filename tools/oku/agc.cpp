@@ -99,13 +99,11 @@ void RunAgc(const InputSlot& slot, const Options& o, Writer& w)
 
         // Volume to gain and back as the exported functions convert them; like a
         // careful host, the volume is left alone when the gain did not change.
-        const float gain = static_cast<float>(static_cast<double>(volume) / bound);
+        const float gain = oku::AGC::GainFromVolume(volume, o.bound);
         const float newGain = agc.ComputeGain(captured, gain);
         const long before = volume;
-        if (newGain != gain) {
-            const double product = static_cast<double>(newGain) * static_cast<float>(bound);
-            volume = product >= static_cast<float>(bound) ? o.bound : static_cast<long>(product);
-        }
+        if (newGain != gain)
+            volume = oku::AGC::VolumeFromGain(newGain, o.bound);
         oku::AGC::ControlInfo info;
         agc.GetInfo(info);
         const bool updated = !log->str().empty() || info.GetControlType() == oku::AGC::ControlInfo::GainEstimate;
