@@ -44,34 +44,17 @@ public:
         Run<true>(begin, end, nullptr);
     }
 
-    // Filter, returning the sum of the squares of the samples written. Each
-    // square is below 2^31 and the sums the library forms stay below 2^53, so
-    // the sum is an exact integer whatever the order of the additions.
-    template <typename Iterator>
-    double FilterAndSumSquares(Iterator begin, Iterator end)
-    {
-        return Run<true>(begin, end, nullptr);
-    }
-
     // Runs [begin, end) through the filter as Filter does, but leaves the
     // samples as they are: returns the sum of the squares of the samples
     // Filter would have written and raises *inputPeak (when given) to the
     // largest absolute input sample. For callers that only measure the
-    // filtered signal and still need the raw one.
+    // filtered signal and still need the raw one. Each square is below 2^31
+    // and the sums the library forms stay below 2^53, so the sum is an exact
+    // integer whatever the order of the additions.
     template <typename Iterator>
     double Measure(Iterator begin, Iterator end, int* inputPeak)
     {
         return Run<false>(begin, end, inputPeak);
-    }
-
-    // Filters one sample and returns the rounded, clipped output.
-    short Step(short sample)
-    {
-        const double sampleIn = sample;
-        const double sampleOut = _b1 * sampleIn + _z1;
-        _z1 = (_b2 * sampleIn + _z2) - _a2 * sampleOut;
-        _z2 = _b3 * sampleIn - _a3 * sampleOut;
-        return RoundToSample(sampleOut);
     }
 
     // floor(x + 0.5) of x clipped to [-32768, 32767]. Within that range the sum
