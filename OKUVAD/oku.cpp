@@ -11,11 +11,13 @@
 
 #include "../src/agc.h"
 #include "../src/audioanalyzer.h"
+#include "boundary.h"
 
 struct oku_vad {
     oku::AudioAnalyzer analyzer;
     double rate;
     bool frames;
+    oku::AudioData chunk;  // the samples of the call being processed, reused from call to call
     // Keeps the samples of the last frames handed out alive until the next call.
     std::vector<oku::AnalyzerResultPtr> handedOut;
 
@@ -116,12 +118,11 @@ std::size_t Take(oku_vad& vad, oku_vad_result* out, std::size_t capacity)
     return count;
 }
 
-// Turns what the gain control writes into one callback per line, and counts lines.
+// Turns what the gain control writes into one callback per line.
 class LineBuf : public std::streambuf {
 public:
     oku_agc_log_fn fn = nullptr;
     void* user = nullptr;
-    long long lines = 0;
 
 protected:
     int overflow(int c) override
@@ -129,7 +130,6 @@ protected:
         if (c == traits_type::eof())
             return traits_type::not_eof(c);
         if (c == '\n') {
-            ++lines;
             if (fn)
                 fn(user, _line.c_str());
             _line.clear();
@@ -145,17 +145,17 @@ private:
 
 }  // namespace
 
-// The gain control always writes its log into a LineBuf: one line per update
-// tells an update from a call that only collected audio, and the lines go on
-// to the caller's callback when there is one. The buffer outlives the gain
-// control (members are destroyed in reverse order).
+// The gain control writes its log into a LineBuf only while the caller has a
+// callback set, so that a handle without one formats no log lines. The buffer
+// outlives the gain control (members are destroyed in reverse order).
 struct oku_agc {
     std::unique_ptr<LineBuf> buf{new LineBuf};
     std::shared_ptr<std::ostream> stream{new std::ostream(buf.get())};
+    oku::AudioData chunk;  // the samples of the call being processed, reused from call to call
     bool updated = false;
     oku::AGC agc;
 
-    oku_agc(const char* params, int rate) : agc(params ? params : "", rate) { agc.SetLogStream(stream); }
+    oku_agc(const char* params, int rate) : agc(params ? params : "", rate) {}
 };
 
 extern "C" {
@@ -209,7 +209,9 @@ OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n)
         return Null("samples");
     return Guard([&] {
         vad->handedOut.clear();
-        vad->analyzer.Process(n ? oku::AudioData(samples, samples + n) : oku::AudioData());
+        vad->chunk.assign(samples, samples + n);
+        vad->analyzer.Process(vad->chunk);
+        oku::boundary::TrimAudioData(vad->chunk);
         return OKU_OK;
     });
 }
@@ -293,13 +295,14 @@ OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, doub
     if (!(gain >= 0.0 && gain <= 1.0))
         return Fail(OKU_ERR_ARGUMENT, "gain must lie in [0, 1]");
     return Guard([&] {
-        const long long linesBefore = agc->buf->lines;
-        const float result = agc->agc.ComputeGain(n ? oku::AudioData(samples, samples + n) : oku::AudioData(),
-                                                  static_cast<float>(gain));
+        const long long updatesBefore = agc->agc.GetNumUpdates();
+        agc->chunk.assign(samples, samples + n);
+        const float result = agc->agc.ComputeGain(agc->chunk, static_cast<float>(gain));
+        oku::boundary::TrimAudioData(agc->chunk);
         oku::AGC::ControlInfo info;
         agc->agc.GetInfo(info);
-        agc->updated =
-            agc->buf->lines != linesBefore || info.GetControlType() == oku::AGC::ControlInfo::GainEstimate;
+        agc->updated = agc->agc.GetNumUpdates() != updatesBefore ||
+                       info.GetControlType() == oku::AGC::ControlInfo::GainEstimate;
         *new_gain = result;
         return OKU_OK;
     });
@@ -329,6 +332,7 @@ OKU_API int oku_agc_set_log(oku_agc* agc, oku_agc_log_fn fn, void* user)
         return Null("agc");
     agc->buf->fn = fn;
     agc->buf->user = user;
+    agc->agc.SetLogStream(fn ? agc->stream : nullptr);
     return OKU_OK;
 }
 

@@ -326,6 +326,7 @@ float AGC::ComputeGain(const AudioData& a, float curGain)
 
 float AGC::ComputeGain(float curGain, float clippingFraction)
 {
+    ++_numUpdates;
     const int p = static_cast<int>(100.0 * _cutoffFraction);
     const float a = _h.GetLevel(p, true, _minLowerLevelFrames);
     const float b = _h.GetLevel(p, false, _minUpperLevelFrames);

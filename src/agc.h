@@ -120,6 +120,11 @@ public:
     void GetInfo(ControlInfo& i) const { i = _info; }
     // Attaches a stream that receives one line per gain update; empty switches it off.
     void SetLogStream(ostreamptr os) { _logStream = std::move(os); }
+    // Gain updates made since construction (Reset does not clear it): the calls
+    // that measured the collected audio and decided, one log line each. A host
+    // tells an update from a call that only collected audio, or from a gain
+    // estimate (curGain 0), by this count changing.
+    long long GetNumUpdates() const { return _numUpdates; }
 
     // Takes a chunk and the gain in force and returns the proposed gain, or
     // curGain itself when no update took place. A curGain of 0 asks for a
@@ -198,6 +203,7 @@ private:
     HighpassFilter _f;
     AudioData _audioBuffer;
     ostreamptr _logStream;
+    long long _numUpdates = 0;
 };
 
 // Writes x to the stream os holds, if any, and flushes it, so that a line cut

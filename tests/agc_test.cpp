@@ -110,10 +110,16 @@ TEST(AgcConstruction, UpdatesNeedSixFramesByDefault)
     EXPECT_EQ(0.0f, info.GetPauseLevel());
     EXPECT_EQ(0.0f, info.GetSpeechLevel());
     EXPECT_DOUBLE_EQ(1919 / 16.0, info.GetTimeMs());
+    EXPECT_EQ(0, agc.GetNumUpdates());
     EXPECT_GT(agc.ComputeGain(AudioData(1, 0), 0.5f), 0.5f);  // the sixth frame completes: silence raises
     agc.GetInfo(info);
     EXPECT_EQ(AGC::ControlInfo::PauseTooLow, info.GetControlType());
     EXPECT_DOUBLE_EQ(120.0, info.GetTimeMs());
+    EXPECT_EQ(1, agc.GetNumUpdates());
+    // Twelve frames in one call are one update; Reset keeps the count.
+    agc.ComputeGain(AudioData(12 * kAgcFrame, 0), 0.5f);
+    agc.Reset();
+    EXPECT_EQ(2, agc.GetNumUpdates());
 
     // 130 ms truncates to 6 frames; 140 ms needs 7.
     AGC six("MinUpdateIntervalMs=130", 16000);
@@ -323,6 +329,7 @@ TEST(AgcGain, ZeroGainAsksForTheMedianGain)
     EXPECT_EQ(AGC::ControlInfo::GainEstimate, info.GetControlType());
     EXPECT_EQ(0.0f, info.GetPauseLevel());
     EXPECT_DOUBLE_EQ(100.0, info.GetTimeMs());  // time advances even though the audio is dropped
+    EXPECT_EQ(0, agc.GetNumUpdates());            // an estimate is not an update
     // The five frames were not kept: one more frame does not complete an update.
     EXPECT_EQ(0.5f, agc.ComputeGain(AudioData(kAgcFrame, 0), 0.5f));
     EXPECT_NEAR(0.1, AGC("LeastGain=0.01", 16000).GetMedianGain(), 1e-7);

@@ -181,6 +181,16 @@ TEST(OkuHandles, AgcMatchesTheClassAndReportsDecisions)
         gain = next;
     }
     EXPECT_EQ(testsig::Lines(log->str()), lines.lines);
+    // Without a callback, updates are still reported, and no line goes anywhere.
+    ASSERT_EQ(OKU_OK, oku_agc_set_log(agc, nullptr, nullptr));
+    const std::size_t linesSoFar = lines.lines.size();
+    const oku::AudioData sixFrames(6 * 320, 0);
+    double after = -1;
+    ASSERT_EQ(OKU_OK, oku_agc_process(agc, sixFrames.data(), sixFrames.size(), gain, &after));
+    oku_agc_decision u;
+    ASSERT_EQ(OKU_OK, oku_agc_info(agc, &u));
+    EXPECT_EQ(1, u.updated);
+    EXPECT_EQ(linesSoFar, lines.lines.size());
     // A gain of 0 asks for a starting gain: a decision without a log line.
     double start = -1;
     ASSERT_EQ(OKU_OK, oku_agc_process(agc, nullptr, 0, 0.0, &start));

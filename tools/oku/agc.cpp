@@ -57,16 +57,17 @@ void RunAgc(const InputSlot& slot, const Options& o, Writer& w)
     NoteConversion(slot.name, *source);
     const int rate = source->Rate();
     oku::AGC agc(o.params, rate);
-    // Every update writes exactly one log line: that is how updates are told
-    // apart from calls that only collected audio.
-    auto log = std::make_shared<std::ostringstream>();
-    agc.SetLogStream(log);
-    std::unique_ptr<std::ofstream> logFile;
+    // The log (--log) is collected in memory and written to the file after each
+    // call: the gain control flushes its stream after every item it writes.
+    std::shared_ptr<std::ostringstream> log;
+    std::ofstream logFile;
     if (!o.logFile.empty()) {
         const std::string path = PlotPath(o.logFile, slot.index, slot.count);
-        logFile.reset(new std::ofstream(path));
-        if (!*logFile)
+        logFile.open(path);
+        if (!logFile)
             throw InputError("--log: cannot write " + path);
+        log = std::make_shared<std::ostringstream>();
+        agc.SetLogStream(log);
     }
     WavOut out(PlotPath(o.outFile, slot.index, slot.count), rate);
     Progress progress(slot.name, source->OriginalFrames() > 60 * source->OriginalRate() ? source->OriginalFrames() : 0,
@@ -100,17 +101,18 @@ void RunAgc(const InputSlot& slot, const Options& o, Writer& w)
         // Volume to gain and back as the exported functions convert them; like a
         // careful host, the volume is left alone when the gain did not change.
         const float gain = oku::AGC::GainFromVolume(volume, o.bound);
+        const long long updatesBefore = agc.GetNumUpdates();
         const float newGain = agc.ComputeGain(captured, gain);
         const long before = volume;
         if (newGain != gain)
             volume = oku::AGC::VolumeFromGain(newGain, o.bound);
+        if (log) {
+            logFile << log->str();
+            log->str("");
+        }
         oku::AGC::ControlInfo info;
         agc.GetInfo(info);
-        const bool updated = !log->str().empty() || info.GetControlType() == oku::AGC::ControlInfo::GainEstimate;
-        if (logFile)
-            *logFile << log->str();
-        log->str("");
-        if (updated) {
+        if (agc.GetNumUpdates() != updatesBefore || info.GetControlType() == oku::AGC::ControlInfo::GainEstimate) {
             const int type = static_cast<int>(info.GetControlType());
             ++counts[type];
             changes += volume != before;
