@@ -10,6 +10,7 @@
 
 #include "agc.h"
 #include "audioanalyzer.h"
+#include "oku.h"
 #include "okuvad.h"
 #include "signals.h"
 
@@ -126,4 +127,34 @@ TEST(Allocations, ExportedFunctionsAllocateOnlyResults)
     EXPECT_EQ(0, agc);
     OKUVAD_Deinit();
     OKUAGC_Deinit();
+}
+
+TEST(Allocations, HandlesAllocateOnlyResults)
+{
+    const oku::AudioData signal = Quiet(2000);
+    oku_vad* vad = nullptr;
+    oku_agc* agc = nullptr;
+    ASSERT_EQ(OKU_OK, oku_vad_create(16000.0, "", &vad));
+    ASSERT_EQ(OKU_OK, oku_agc_create(16000, "", &agc));
+    long vadAllocations = 0, agcAllocations = 0;
+    double gain = 0.5;
+    oku_vad_result r;
+    for (int k = 0; k < 2000; ++k) {
+        const int16_t* chunk = &signal[static_cast<std::size_t>(k) * kFrame];
+        long before = g_allocations;
+        ASSERT_EQ(OKU_OK, oku_vad_process(vad, chunk, kFrame));
+        do
+            ASSERT_EQ(OKU_OK, oku_vad_next(vad, &r));
+        while (r.type != OKU_VAD_NONE);
+        if (k >= 300)
+            vadAllocations += g_allocations - before;
+        before = g_allocations;
+        ASSERT_EQ(OKU_OK, oku_agc_process(agc, chunk, kFrame, gain, &gain));
+        if (k >= 300)
+            agcAllocations += g_allocations - before;
+    }
+    EXPECT_EQ(2L * 1700, vadAllocations);  // frames not asked for: the frame result and the reading
+    EXPECT_EQ(0, agcAllocations);
+    oku_vad_destroy(vad);
+    oku_agc_destroy(agc);
 }
