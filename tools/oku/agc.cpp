@@ -116,8 +116,9 @@ void RunAgc(const InputSlot& slot, const Options& o, Writer& w)
             const int type = static_cast<int>(info.GetControlType());
             ++counts[type];
             changes += volume != before;
-            plot.decisions.push_back(
-                {info.GetTimeMs() / 1000.0, before, volume, type, info.GetPauseLevel(), info.GetSpeechLevel()});
+            if (!o.plot.empty())  // kept only for the plot: a live stream may run for days
+                plot.decisions.push_back(
+                    {info.GetTimeMs() / 1000.0, before, volume, type, info.GetPauseLevel(), info.GetSpeechLevel()});
             w.Write(Record{"decision", {}}
                         .Add("time_s", info.GetTimeMs() / 1000.0, 3)
                         .Add("volume_before", static_cast<long long>(before))

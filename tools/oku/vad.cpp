@@ -110,7 +110,8 @@ void RunVad(const InputSlot& slot, const Options& o, Writer& w)
                 const int info = static_cast<int>(m.GetInfo()) & 3;
                 ++readings[info];
                 peak = std::max(peak, m.GetVolume());
-                plot.meters.push_back({m.GetTimeMs() / 1000.0, m.GetVolumedBFS(), info});
+                if (!o.plot.empty())  // kept only for the plot: a live stream may run for days
+                    plot.meters.push_back({m.GetTimeMs() / 1000.0, m.GetVolumedBFS(), info});
                 if (o.meter)
                     w.Write(Record{"meter", {}}
                                 .Add("time_s", m.GetTimeMs() / 1000.0, 3)
