@@ -1,6 +1,7 @@
 # Short commands for newcomers; CMake does the work.
 #   make run    install what is missing, build, run the oku command and the C example on the shipped recording
 #   make test   install what is missing, build, run every test
+#   make golden rewrite the golden result files after a change meant to alter results
 #   make tsan   the thread tests under ThreadSanitizer
 #   make fuzz   each fuzz target for FUZZ_SECONDS (default 60)
 #   make memcheck  the unit tests and the oku command under valgrind
@@ -9,7 +10,7 @@ BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build run test tsan fuzz memcheck bench clean
+.PHONY: all setup build run test golden tsan fuzz memcheck bench clean
 FUZZ_SECONDS ?= 60
 
 all: build
@@ -30,6 +31,11 @@ run: build
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# Rewrites the golden result files (tests/golden/) from the current build: only
+# for a change that is meant to alter results; review the diff before committing.
+golden: build
+	OKU_GOLDEN_UPDATE=1 $(BUILD)/tests/golden_test
 
 # The thread tests (every test with "Thread" in its name) under ThreadSanitizer.
 tsan: setup

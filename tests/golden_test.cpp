@@ -1,0 +1,264 @@
+// Golden results: every result the analyzer and the gain control give for the
+// generated recordings of recordings.h at every rate, through the classes and
+// through the exported functions, written as text (one line per result) and
+// compared with the files in tests/golden/. Numbers are printed with enough
+// digits to round-trip, so a change of one bit in any result shows as a
+// changed line.
+//
+// The files hold the results of the implementation that was checked by hand
+// and against the timing rules; they are the guard that later work (tuning,
+// refactoring) leaves every result as it was. When a change is meant to alter
+// results, regenerate them with `make golden` and review the diff.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "agc.h"
+#include "audioanalyzer.h"
+#include "okuvad.h"
+#include "recordings.h"
+
+#ifndef OKU_GOLDEN_DIR
+#error "OKU_GOLDEN_DIR must name the folder of the golden files"
+#endif
+
+namespace {
+
+const double kRates[] = {8000.0, 11025.0, 16000.0, 22050.0};
+
+std::string D(double x)
+{
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "%.17g", x);
+    return buf;
+}
+
+std::string F(float x)
+{
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "%.9g", static_cast<double>(x));
+    return buf;
+}
+
+const char* TagName(oku::AnalyzerEvent::EventTag t)
+{
+    static const char* const names[] = {"speech_start", "speech_end", "below_vor", "above_vor"};
+    return names[t];
+}
+
+const char* InfoName(int info)
+{
+    static const char* const names[] = {"ok", "too_noisy", "too_soft", "too_loud"};
+    return info >= 0 && info < 4 ? names[info] : "?";
+}
+
+// Frame results are written as runs of consecutive frames with the same flag.
+class FrameRuns {
+public:
+    explicit FrameRuns(std::ostream& os) : _os(os) {}
+    ~FrameRuns() { End(); }
+
+    void Add(const oku::AnalyzerAudioFrame& f)
+    {
+        if (_count > 0 && (f.GetFrameIndex() != _last + 1 || f.IsSpeechSegmentFrame() != _speech))
+            End();
+        if (_count == 0) {
+            _first = f.GetFrameIndex();
+            _speech = f.IsSpeechSegmentFrame();
+        }
+        _last = f.GetFrameIndex();
+        ++_count;
+        for (short s : f.GetData()) {
+            ++_samples;
+            _sum += s;
+        }
+    }
+
+    void End()
+    {
+        if (_count == 0)
+            return;
+        _os << "frames " << _first << "-" << _last << " " << (_speech ? "speech" : "pause") << " samples=" << _samples
+            << " sum=" << _sum << "\n";
+        _count = 0;
+        _samples = 0;
+        _sum = 0;
+    }
+
+private:
+    std::ostream& _os;
+    int _first = 0, _last = 0, _count = 0;
+    bool _speech = false;
+    long long _samples = 0, _sum = 0;
+};
+
+void AnalyzerClass(std::ostream& os, const oku::AudioData& s, double rate)
+{
+    oku::AudioAnalyzer a("", rate, true);
+    const std::size_t chunk = static_cast<std::size_t>(7 * a.GetSamplesPerFrame() + 3);
+    os << "## analyzer class: chunks of " << chunk << " samples, frame data on, flushed at the end\n";
+    FrameRuns runs(os);
+    auto drain = [&] {
+        oku::AnalyzerResultPtr r;
+        while (a.GetResult(r)) {
+            if (r->GetType() == oku::AnalyzerResult::RT_AudioFrame) {
+                runs.Add(static_cast<const oku::AnalyzerAudioFrame&>(*r));
+                continue;
+            }
+            runs.End();
+            if (r->GetType() == oku::AnalyzerResult::RT_Event) {
+                const auto& e = static_cast<const oku::AnalyzerEvent&>(*r);
+                os << "event " << TagName(e.GetTag()) << " " << D(e.GetTimeMs()) << "\n";
+            } else {
+                const auto& m = static_cast<const oku::AnalyzerVolumeMeter&>(*r);
+                os << "meter " << D(m.GetTimeMs()) << " " << InfoName(m.GetInfo()) << " peak=" << D(m.GetVolume())
+                   << " dbfs=" << D(m.GetVolumedBFS()) << " snr_pct=" << D(m.GetSNRVolumePct())
+                   << " speech=" << (m.IsSpeechState() ? 1 : 0) << "\n";
+            }
+        }
+    };
+    for (std::size_t i = 0; i < s.size(); i += chunk) {
+        a.Process(oku::AudioData(s.begin() + static_cast<long>(i),
+                                 s.begin() + static_cast<long>(std::min(i + chunk, s.size()))));
+        drain();
+    }
+    os << "flush\n";
+    a.Flush();
+    drain();
+}
+
+void Exported(std::ostream& os, const oku::AudioData& s, double rate)
+{
+    const std::size_t chunk = static_cast<std::size_t>(rate / 50);
+    os << "## exported functions: chunks of " << chunk
+       << " samples; every analyzer report, and the gain control's volume (bound 65535, fed back) with GetInfo\n"
+       << "## after each call that decided (a call that only collects audio records control 0, levels 0)\n";
+    if (OKUVAD_Init(rate) != 0 || OKUAGC_Init(static_cast<int>(rate)) != 0) {
+        os << "init failed\n";
+        return;
+    }
+    long volume = 30000;
+    for (std::size_t i = 0; i + chunk <= s.size(); i += chunk) {
+        int start = 1, result = 0, info = 0;
+        double value = 0;
+        do {
+            const int status =
+                OKUVAD_GetResult(start, &s[i], static_cast<unsigned int>(chunk * 2), &result, &value, &info);
+            start = 0;
+            if (status != 0) {
+                os << "vad status " << status << "\n";
+                break;
+            }
+            if (result == 1 || result == 2)
+                os << "vad " << (result == 1 ? "start " : "end ") << D(value) << "\n";
+            else if (result == 3)
+                os << "vad volume " << D(value) << " " << InfoName(info) << "\n";
+        } while (result != 0);
+        const long before = volume;
+        const int status = OKUAGC_ComputeGain(&s[i], static_cast<unsigned int>(chunk * 2), volume, 65535, &volume);
+        double t = 0;
+        float p = 0, q = 0;
+        int type = 0;
+        OKUAGC_GetInfo(&t, &p, &q, &type);
+        if (status == 0 && volume == before && type == 0 && p == 0.0f && q == 0.0f)
+            continue;
+        os << "agc " << before << " " << volume << " status=" << status << " control=" << type << " time=" << D(t)
+           << " pause=" << F(p) << " speech=" << F(q) << "\n";
+    }
+    OKUVAD_Deinit();
+    OKUAGC_Deinit();
+}
+
+void AgcClass(std::ostream& os, const oku::AudioData& s, int rate)
+{
+    const std::size_t chunk = static_cast<std::size_t>(rate / 100);
+    os << "## gain control class: chunks of " << chunk
+       << " samples scaled by the gain in force (starting at 0.2), with its diagnostic log\n";
+    oku::AGC agc("", rate);
+    auto log = std::make_shared<std::ostringstream>();
+    agc.SetLogStream(log);
+    float gain = 0.2f;
+    for (std::size_t i = 0; i + chunk <= s.size(); i += chunk) {
+        oku::AudioData part(s.begin() + static_cast<long>(i), s.begin() + static_cast<long>(i + chunk));
+        for (short& x : part)  // the microphone follows the gain
+            x = static_cast<short>(static_cast<float>(x) * gain);
+        const long long updates = agc.GetNumUpdates();
+        const float newGain = agc.ComputeGain(part, gain);
+        if (agc.GetNumUpdates() != updates || newGain != gain) {
+            oku::AGC::ControlInfo info;
+            agc.GetInfo(info);
+            std::string line;
+            std::istringstream lines(log->str());
+            while (std::getline(lines, line))
+                os << "log " << line << "\n";
+            log->str("");
+            os << "update " << F(gain) << " " << F(newGain) << " control=" << info.GetControlType()
+               << " time=" << D(info.GetTimeMs()) << " pause=" << F(info.GetPauseLevel())
+               << " speech=" << F(info.GetSpeechLevel()) << "\n";
+        }
+        gain = newGain;
+    }
+}
+
+std::string GoldenText(const testsig::Recording& r, double rate)
+{
+    const oku::AudioData s = testsig::Render(r.stretches, rate, 7);
+    std::ostringstream os;
+    os << "# " << r.name << " at " << rate << " Hz, " << s.size() << " samples: " << r.description << "\n"
+       << "# Regenerate with `make golden` only when a change is meant to alter results.\n";
+    AnalyzerClass(os, s, rate);
+    Exported(os, s, rate);
+    AgcClass(os, s, static_cast<int>(rate));
+    return os.str();
+}
+
+std::string GoldenPath(const testsig::Recording& r, double rate)
+{
+    return std::string(OKU_GOLDEN_DIR) + "/" + r.name + "-" + std::to_string(static_cast<int>(rate)) + ".txt";
+}
+
+// The first line where two texts differ, for a readable failure.
+std::string FirstDifference(const std::string& want, const std::string& got)
+{
+    std::istringstream a(want), b(got);
+    std::string la, lb;
+    for (int line = 1;; ++line) {
+        const bool ha = static_cast<bool>(std::getline(a, la));
+        const bool hb = static_cast<bool>(std::getline(b, lb));
+        if (!ha && !hb)
+            return "no difference";
+        if (!ha || !hb || la != lb)
+            return "line " + std::to_string(line) + ":\n  expected: " + (ha ? la : "(end of file)") +
+                   "\n  got:      " + (hb ? lb : "(end of output)");
+    }
+}
+
+}  // namespace
+
+TEST(Golden, ResultsEqualTheGoldenFiles)
+{
+    const bool update = std::getenv("OKU_GOLDEN_UPDATE") != nullptr;
+    for (const testsig::Recording& r : testsig::GoldenRecordings()) {
+        for (double rate : kRates) {
+            const std::string path = GoldenPath(r, rate);
+            const std::string got = GoldenText(r, rate);
+            if (update) {
+                std::ofstream out(path, std::ios::binary);
+                out << got;
+                out.close();
+                ASSERT_TRUE(out) << "cannot write " << path;
+                continue;
+            }
+            std::ifstream in(path, std::ios::binary);
+            ASSERT_TRUE(in) << "missing golden file " << path << " (make golden writes it)";
+            std::stringstream want;
+            want << in.rdbuf();
+            EXPECT_TRUE(want.str() == got) << path << " differs at " << FirstDifference(want.str(), got);
+        }
+    }
+}
