@@ -18,7 +18,7 @@ extern "C" OKUVAD_API int OKUAGC_Init(const int iSamplingRate_p)
 {
     if (iSamplingRate_p <= 0)
         return -4;
-    return oku::boundary::Guard([&] {
+    return oku::boundary::GuardPlain([&] {
         if (g_pAgc) {
             if (iSamplingRate_p == g_iSamplingRate)
                 return 0;
@@ -40,7 +40,7 @@ extern "C" OKUVAD_API int OKUAGC_ComputeGain(const void* pvData_p, const unsigne
     if (lInVolume_p < 0 || lInVolume_p > lUBound_p || (uiDataSize_p > 0 && !pvData_p))
         return -1;
     *plCurrentGain_p = 0;
-    return oku::boundary::Guard([&] {
+    return oku::boundary::GuardPlain([&] {
         const AGC::AudioData& audioData = oku::boundary::MakeAudioData(g_audioData, pvData_p, uiDataSize_p);
         const float fCurrentGain = AGC::GainFromVolume(lInVolume_p, lUBound_p);
         const float fNewGain = g_pAgc->ComputeGain(audioData, fCurrentGain);
@@ -55,7 +55,7 @@ extern "C" OKUVAD_API int OKUAGC_GetInfo(double* pdTimeMs_p, float* pfPauseLevel
 {
     if (!pdTimeMs_p || !pfPauseLevel_p || !pfSpeechLevel_p || !piControlType_p || !g_pAgc)
         return -1;
-    return oku::boundary::Guard([&] {
+    return oku::boundary::GuardPlain([&] {
         *pdTimeMs_p = 0.0;
         *pfPauseLevel_p = 0.0f;
         *pfSpeechLevel_p = 0.0f;

@@ -20,7 +20,7 @@ oku::AudioData g_audioData;  // the chunk being analysed, reused from call to ca
 
 extern "C" OKUVAD_API int OKUVAD_Init(const double dSamplingRate_p)
 {
-    return oku::boundary::Guard([&] {
+    return oku::boundary::GuardPlain([&] {
         delete g_pAudioAnalyzer;
         g_pAudioAnalyzer = nullptr;
         g_pAudioAnalyzer = new AudioAnalyzer("", dSamplingRate_p, true);
@@ -38,7 +38,7 @@ extern "C" OKUVAD_API int OKUVAD_GetResult(const int iStart_p, const void* pvDat
     if (iStart_p != 0 && uiDataSize_p > 0 && !pvData_p)
         return -1;
     *piResult_p = -1;
-    return oku::boundary::Guard([&] {
+    return oku::boundary::GuardPlain([&] {
         if (iStart_p != 0) {
             *pdVolumePeakSignalInSamples_p = 0.0;
             *piVolumeInfo_p = 0;

@@ -5,9 +5,11 @@
 #include <climits>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <stdexcept>
 
 #include "../src/audiodata.h"
+#include "../src/rates.h"
 
 namespace oku {
 namespace boundary {
@@ -36,18 +38,44 @@ inline void TrimAudioData(AudioData& audioData)
         AudioData().swap(audioData);
 }
 
-// Runs f and turns any exception into the boundary's status: -2 for the
-// standard exception family, -3 for anything else.
-template <typename F>
-int Guard(F&& f) noexcept
+// What went wrong inside a call, by the type of the exception that ended it.
+enum class Failure {
+    Rate,      // RateError: an unsupported sampling rate
+    Params,    // any other std::invalid_argument: a malformed or rejected setting
+    Memory,    // std::bad_alloc or std::length_error
+    Internal,  // any other std::exception
+    Foreign    // anything else thrown
+};
+
+// The one exception guard of every C entry point: runs f and returns what it
+// returns; an exception becomes onFailure(kind, message), whose result is
+// returned instead. onFailure must not throw.
+template <typename F, typename OnFailure>
+int Guard(F&& f, OnFailure&& onFailure) noexcept
 {
     try {
         return f();
-    } catch (const std::exception&) {
-        return -2;
+    } catch (const RateError& e) {
+        return onFailure(Failure::Rate, e.what());
+    } catch (const std::invalid_argument& e) {
+        return onFailure(Failure::Params, e.what());
+    } catch (const std::bad_alloc&) {
+        return onFailure(Failure::Memory, "out of memory");
+    } catch (const std::length_error&) {
+        return onFailure(Failure::Memory, "out of memory");
+    } catch (const std::exception& e) {
+        return onFailure(Failure::Internal, e.what());
     } catch (...) {
-        return -3;
+        return onFailure(Failure::Foreign, "unknown failure");
     }
+}
+
+// The status of the seven plain functions: -2 for the standard exception
+// family, -3 for anything else; the message is not kept.
+template <typename F>
+int GuardPlain(F&& f) noexcept
+{
+    return Guard(f, [](Failure kind, const char*) { return kind == Failure::Foreign ? -3 : -2; });
 }
 
 }  // namespace boundary

@@ -1,4 +1,5 @@
 // The reentrant C interface: one handle per analyzer or gain control.
+// (Statuses and messages: status.h; the facts for front ends: facts.cpp.)
 #include "oku.h"
 
 #include <cmath>
@@ -12,6 +13,11 @@
 #include "../src/agc.h"
 #include "../src/audioanalyzer.h"
 #include "boundary.h"
+#include "status.h"
+
+using oku::status::Fail;
+using oku::status::Guard;
+using oku::status::Null;
 
 struct oku_vad {
     oku::AudioAnalyzer analyzer;
@@ -29,35 +35,13 @@ struct oku_vad {
 
 namespace {
 
-thread_local std::string t_lastError;
-
-int Fail(int status, const std::string& message)
+// More samples than any array can hold: refused before the pointer is used.
+int CheckCount(std::size_t n)
 {
-    t_lastError = message;
-    return status;
+    if (n > static_cast<std::size_t>(PTRDIFF_MAX) / sizeof(int16_t))
+        return Fail(OKU_ERR_ARGUMENT, "sample count larger than any array");
+    return OKU_OK;
 }
-
-// Runs f, turning every exception into a status and a message. At creation an
-// invalid argument is a bad rate or a bad parameter string.
-template <typename F>
-int Guard(F&& f) noexcept
-{
-    try {
-        return f();
-    } catch (const std::invalid_argument& e) {
-        return Fail(std::string(e.what()) == "Sampling rate" ? OKU_ERR_RATE : OKU_ERR_PARAMS, e.what());
-    } catch (const std::bad_alloc&) {
-        return Fail(OKU_ERR_MEMORY, "out of memory");
-    } catch (const std::length_error&) {
-        return Fail(OKU_ERR_MEMORY, "out of memory");
-    } catch (const std::exception& e) {
-        return Fail(OKU_ERR_INTERNAL, e.what());
-    } catch (...) {
-        return Fail(OKU_ERR_INTERNAL, "unknown failure");
-    }
-}
-
-int Null(const char* what) { return Fail(OKU_ERR_NULL, std::string(what) + " is null"); }
 
 // Fills one C result from an analyzer result; false for the results this
 // interface does not hand out (the marks that accompany starts and ends, and
@@ -160,30 +144,6 @@ struct oku_agc {
 
 extern "C" {
 
-OKU_API const char* oku_status_message(int status)
-{
-    switch (status) {
-    case OKU_OK:
-        return "success";
-    case OKU_ERR_NULL:
-        return "a required pointer is null";
-    case OKU_ERR_ARGUMENT:
-        return "an argument is out of range";
-    case OKU_ERR_RATE:
-        return "unsupported sampling rate (8000, 11025, 16000 or 22050 Hz)";
-    case OKU_ERR_PARAMS:
-        return "malformed parameter string or rejected setting";
-    case OKU_ERR_MEMORY:
-        return "out of memory";
-    case OKU_ERR_INTERNAL:
-        return "internal failure";
-    default:
-        return "unknown status";
-    }
-}
-
-OKU_API const char* oku_last_error(void) { return t_lastError.c_str(); }
-
 OKU_API int oku_vad_create(double rate, const char* params, oku_vad** out)
 {
     return oku_vad_create_ex(rate, params, 0, out);
@@ -205,6 +165,8 @@ OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n)
 {
     if (!vad)
         return Null("vad");
+    if (CheckCount(n) != OKU_OK)
+        return OKU_ERR_ARGUMENT;
     if (!samples && n > 0)
         return Null("samples");
     return Guard([&] {
@@ -290,6 +252,8 @@ OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, doub
         return Null("agc");
     if (!new_gain)
         return Null("new_gain");
+    if (CheckCount(n) != OKU_OK)
+        return OKU_ERR_ARGUMENT;
     if (!samples && n > 0)
         return Null("samples");
     if (!(gain >= 0.0 && gain <= 1.0))

@@ -1,19 +1,25 @@
 /*
- * oku.h - reentrant C interface: any number of analyzers and gain controls.
+ * oku.h - reentrant C interface: any number of analyzers and gain controls,
+ * and the facts a front end needs (version, rates, names, settings, volume
+ * conversion).
  *
  * Each stream gets its own handle. Handles share nothing: different handles
  * may be used from different threads at the same time; one handle must not be
  * used from two threads at once. There is no global state apart from the
- * thread-local text of oku_last_error().
+ * thread-local text of oku_last_error(); the functions of the "facts" section
+ * read constant tables and may be called from any thread at any time.
  *
  * Audio is mono, signed 16-bit samples in native byte order at the rate given
- * at creation (8000, 11025, 16000 or 22050 Hz). Unlike the OKUVAD_ and OKUAGC_
- * functions of okuvad.h, nothing is added to the samples given.
+ * at creation (see oku_rates). Unlike the OKUVAD_ and OKUAGC_ functions of
+ * okuvad.h, nothing is added to the samples given.
  *
- * Every function returns an oku_status (0 on success, negative on failure) and
- * never lets an exception, an assertion or a crash reach the caller. On failure
- * nothing is written to the out-parameters, no audio is consumed, and
- * oku_last_error() describes the problem.
+ * Every function that returns an int returns an oku_status: 0 on success,
+ * negative on failure. Each function lists the statuses it returns; any
+ * function that works inside the library may in addition return
+ * OKU_ERR_INTERNAL for a failure the library did not foresee (none is known).
+ * No exception, assertion or crash ever reaches the caller. On failure nothing
+ * is written to the out-parameters, no audio is consumed, and oku_last_error()
+ * describes the problem.
  */
 #ifndef OKU_H
 #define OKU_H
@@ -36,7 +42,7 @@ extern "C" {
 typedef enum oku_status {
     OKU_OK = 0,
     OKU_ERR_NULL = -1,      /* a required pointer is null */
-    OKU_ERR_ARGUMENT = -2,  /* an argument is out of range (a gain outside 0..1, a capacity of 0) */
+    OKU_ERR_ARGUMENT = -2,  /* an argument is out of range (a gain outside 0..1, a capacity of 0, ...) */
     OKU_ERR_RATE = -3,      /* the sampling rate is not supported */
     OKU_ERR_PARAMS = -4,    /* a malformed parameter string or a rejected setting */
     OKU_ERR_MEMORY = -5,    /* out of memory */
@@ -54,6 +60,150 @@ OKU_API const char* oku_status_message(int status);
  * The text stays valid until the next failing call on the same thread.
  */
 OKU_API const char* oku_last_error(void);
+
+/* ---- Facts for front ends ------------------------------------------------ */
+
+/* The library's version, "MAJOR.MINOR.PATCH"; never null. */
+OKU_API const char* oku_version(void);
+
+/*
+ * The supported sampling rates in Hz, ascending: 8000, 11025, 16000, 22050.
+ * - count [o] : receives the number of rates (4); may be NULL
+ * returns : the rates (a constant array owned by the library); never null
+ */
+OKU_API const int* oku_rates(size_t* count);
+
+/* 1 when rate is exactly one of the supported rates (16000.0 is, 16000.5 is not), else 0. */
+OKU_API int oku_rate_supported(double rate);
+
+/*
+ * The supported rate nearest to rate (44100 -> 22050, 48000 -> 22050,
+ * 12000 -> 11025); halfway between two rates, the higher one. 0 when rate is
+ * not a positive finite number.
+ */
+OKU_API int oku_nearest_rate(double rate);
+
+/*
+ * Names of the values of the interface's enumerations: short lower-case
+ * identifiers that stay the same across versions, for records, logs and
+ * bindings. NULL for a value outside the enumeration.
+ *   oku_vad_result_name : "none", "speech_start", "speech_end", "volume", "frame"
+ *   oku_assessment_name : "ok", "too_noisy", "too_soft", "too_loud"
+ *   oku_agc_control_name: "unchanged", "pause_too_low", "speech_too_low",
+ *                         "speech_too_high", "operating_limit", "gain_estimate"
+ */
+OKU_API const char* oku_vad_result_name(int type);
+OKU_API const char* oku_assessment_name(int assessment);
+OKU_API const char* oku_agc_control_name(int control);
+
+/*
+ * A host's volume as a gain, exactly as OKUAGC_ComputeGain converts it: the
+ * ratio volume / bound formed in double precision and rounded to float.
+ * - volume [i] : 0 to bound
+ * - bound  [i] : the volume of full gain, above 0
+ * - gain   [o] : 0 to 1
+ * returns : OKU_OK; OKU_ERR_NULL (gain); OKU_ERR_ARGUMENT (bound <= 0, or
+ *           volume outside 0 to bound)
+ */
+OKU_API int oku_gain_from_volume(long volume, long bound, double* gain);
+
+/*
+ * A gain as a host's volume, exactly as OKUAGC_ComputeGain converts it: the
+ * gain rounded to float (the gain control's precision), times the bound as a
+ * float, formed in double precision and truncated; held to the bound (which a
+ * bound above 2^24 as a float may exceed). The round trip of an unchanged
+ * volume may lose one unit (40000 of 65535 comes back as 39999), so a host
+ * applies a proposed gain only when it differs from the gain it gave.
+ * - gain   [i] : 0 to 1
+ * - bound  [i] : the volume of full gain, above 0
+ * - volume [o] : 0 to bound
+ * returns : OKU_OK; OKU_ERR_NULL (volume); OKU_ERR_ARGUMENT (bound <= 0, or
+ *           gain outside 0 to 1 or NaN)
+ */
+OKU_API int oku_volume_from_gain(double gain, long bound, long* volume);
+
+/* The two services, for the settings functions below. */
+typedef enum oku_service {
+    OKU_SERVICE_VAD = 0, /* the voice-activity analyzer */
+    OKU_SERVICE_AGC = 1  /* the automatic gain control */
+} oku_service;
+
+typedef enum oku_setting_type {
+    OKU_SETTING_INT = 0, /* read as a whole number ("1.5" reads as 1, "42abc" as 42) */
+    OKU_SETTING_REAL = 1 /* read as a real number (the gain control keeps it as a float) */
+} oku_setting_type;
+
+/* One setting of a service: what its parameter string may set. */
+typedef struct oku_setting {
+    const char* key;      /* the parameter string key, e.g. "EOSTimeoutMs" */
+    const char* name;     /* the same, lower case and hyphenated: "eos-timeout-ms" */
+    const char* unit;     /* "ms", "dB", "dBFS", "dB per 100 ms", or "" for a plain number */
+    const char* meaning;  /* one line of English */
+    int32_t type;         /* an oku_setting_type */
+    int32_t reserved;
+    double default_value; /* what the service takes when the key is absent */
+} oku_setting;
+
+/*
+ * Every setting of a service, in the order the service reads them; the
+ * services take their defaults from these same tables. Settings given in
+ * milliseconds become frames: rounded to the nearest frame by the analyzer,
+ * truncated to whole 20 ms by the gain control. The analyzer's EOSTimeoutMs
+ * default (420) is its value at creation.
+ * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
+ * - count   [o] : receives the number of settings (0 for another service); may be NULL
+ * returns : the table (constant, owned by the library), or NULL for another service
+ */
+OKU_API const oku_setting* oku_settings(int service, size_t* count);
+
+/*
+ * The value a service would take for one setting from a parameter string: the
+ * string's value read as the service reads it (a whole number for an integer
+ * setting; for the gain control, a real setting rounded to float), or the
+ * default when the string does not hold the key.
+ * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
+ * - params  [i] : parameter string ("Key=Value;..."), or NULL/"" for the defaults
+ * - key     [i] : a key of the service's table
+ * - value   [o] : the value
+ * returns : OKU_OK; OKU_ERR_NULL (key, value); OKU_ERR_ARGUMENT (another
+ *           service, or a key that is not a setting of the service);
+ *           OKU_ERR_PARAMS (a malformed string, or a value for the key that
+ *           does not read as its type)
+ */
+OKU_API int oku_setting_value(int service, const char* params, const char* key, double* value);
+
+/*
+ * Checks a parameter string for a service without keeping anything: its
+ * grammar, the value of every key the service reads, and the settings the
+ * service refuses (as its create function would). oku_last_error() then names
+ * the problem: "Invalid format: ...", "EOSTimeoutMs: 'soon' is not a whole
+ * number", "LeastGain must lie in (0, 1]". Keys the service does not read are
+ * not an error (see oku_params_entries to find them).
+ * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
+ * - params  [i] : parameter string, or NULL/"" for the defaults
+ * returns : OKU_OK; OKU_ERR_ARGUMENT (another service); OKU_ERR_PARAMS; OKU_ERR_MEMORY
+ */
+OKU_API int oku_params_check(int service, const char* params);
+
+/* Receives one entry of a parameter string. */
+typedef void (*oku_params_fn)(void* user, const char* key, const char* value);
+
+/*
+ * Calls fn(user, key, value) for each entry of a parameter string as the
+ * services see it: empty entries skipped, the first occurrence of a key kept,
+ * in ascending byte order of the keys. A malformed string reports nothing.
+ * fn must not call back into the library with the same string's entries.
+ * - params [i] : parameter string, or NULL/"" (no entries)
+ * returns : OKU_OK; OKU_ERR_NULL (fn); OKU_ERR_PARAMS (malformed); OKU_ERR_MEMORY
+ */
+OKU_API int oku_params_entries(const char* params, oku_params_fn fn, void* user);
+
+/*
+ * The size in bytes of a structure of this interface, for bindings that
+ * mirror them and want to check they match the library they loaded:
+ * "oku_vad_result", "oku_agc_decision" or "oku_setting". 0 for another name.
+ */
+OKU_API size_t oku_struct_size(const char* name);
 
 /* ---- Voice-activity analyzer ------------------------------------------- */
 
@@ -98,33 +248,41 @@ typedef struct oku_vad_result {
 
 /*
  * Creates an analyzer.
- * - rate   [i] : 8000, 11025, 16000 or 22050 (Hz)
- * - params [i] : parameter string ("Key=Value;..."; see the README), or NULL/"" for the defaults
- * - flags  [i] : 0 or OKU_VAD_AUDIO_FRAMES
+ * - rate   [i] : one of oku_rates() (Hz), given exactly
+ * - params [i] : parameter string ("Key=Value;..."; keys in oku_settings), or NULL/"" for the defaults
  * - out    [o] : the new handle, to be released with oku_vad_destroy
- * returns : OKU_OK; OKU_ERR_NULL, OKU_ERR_RATE, OKU_ERR_PARAMS, OKU_ERR_MEMORY
+ * returns : OKU_OK; OKU_ERR_NULL (out); OKU_ERR_RATE; OKU_ERR_PARAMS; OKU_ERR_MEMORY
  */
 OKU_API int oku_vad_create(double rate, const char* params, oku_vad** out);
+
+/*
+ * oku_vad_create with flags.
+ * - flags  [i] : 0 or OKU_VAD_AUDIO_FRAMES
+ * returns : OKU_OK; OKU_ERR_NULL (out); OKU_ERR_ARGUMENT (an unknown flag);
+ *           OKU_ERR_RATE; OKU_ERR_PARAMS; OKU_ERR_MEMORY
+ */
 OKU_API int oku_vad_create_ex(double rate, const char* params, unsigned flags, oku_vad** out);
 
 /*
  * Analyses n samples (any number, 0 included; samples may be NULL when n is 0)
  * and queues the results they complete.
- * returns : OKU_OK; OKU_ERR_NULL, OKU_ERR_MEMORY
+ * returns : OKU_OK; OKU_ERR_NULL (vad, or samples with n above 0);
+ *           OKU_ERR_ARGUMENT (n larger than any array can be: above
+ *           PTRDIFF_MAX / 2; refused before samples is touched); OKU_ERR_MEMORY
  */
 OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n);
 
 /*
  * Takes the oldest queued result into *out; out->type is OKU_VAD_NONE when the
  * queue is empty. Results come out in the order they happened.
- * returns : OKU_OK; OKU_ERR_NULL
+ * returns : OKU_OK; OKU_ERR_NULL (vad, out); OKU_ERR_MEMORY
  */
 OKU_API int oku_vad_next(oku_vad* vad, oku_vad_result* out);
 
 /*
  * Takes up to `capacity` queued results into out[0..]; *count receives how many.
  * The samples of FRAME results stay valid until the next call on this handle.
- * returns : OKU_OK; OKU_ERR_NULL; OKU_ERR_ARGUMENT for a capacity of 0
+ * returns : OKU_OK; OKU_ERR_NULL (vad, out, count); OKU_ERR_ARGUMENT (a capacity of 0); OKU_ERR_MEMORY
  */
 OKU_API int oku_vad_results(oku_vad* vad, oku_vad_result* out, size_t capacity, size_t* count);
 
@@ -132,14 +290,17 @@ OKU_API int oku_vad_results(oku_vad* vad, oku_vad_result* out, size_t capacity, 
  * Ends the run: decides and queues everything pending, a last partial frame
  * included, and closes an open speech segment at the end of the audio. The
  * next samples start a new run at time 0; the noise estimate is kept.
- * returns : OKU_OK; OKU_ERR_NULL, OKU_ERR_MEMORY
+ * returns : OKU_OK; OKU_ERR_NULL (vad); OKU_ERR_MEMORY
  */
 OKU_API int oku_vad_flush(oku_vad* vad);
 
-/* Starts afresh as if just created (settings and queued results are kept). */
+/*
+ * Starts afresh as if just created (settings and queued results are kept).
+ * returns : OKU_OK; OKU_ERR_NULL (vad); OKU_ERR_MEMORY
+ */
 OKU_API int oku_vad_reset(oku_vad* vad);
 
-/* Releases the analyzer and its queued results. NULL is OKU_ERR_NULL and does nothing. */
+/* Releases the analyzer and its queued results. returns : OKU_OK; OKU_ERR_NULL (vad; nothing happens) */
 OKU_API int oku_vad_destroy(oku_vad* vad);
 
 /* ---- Automatic gain control ---------------------------------------------- */
@@ -168,10 +329,10 @@ typedef void (*oku_agc_log_fn)(void* user, const char* line);
 
 /*
  * Creates a gain control.
- * - rate   [i] : 8000, 11025, 16000 or 22050 (Hz)
- * - params [i] : parameter string, or NULL/"" for the defaults
+ * - rate   [i] : one of oku_rates() (Hz)
+ * - params [i] : parameter string (keys in oku_settings), or NULL/"" for the defaults
  * - out    [o] : the new handle, to be released with oku_agc_destroy
- * returns : OKU_OK; OKU_ERR_NULL, OKU_ERR_RATE, OKU_ERR_PARAMS, OKU_ERR_MEMORY
+ * returns : OKU_OK; OKU_ERR_NULL (out); OKU_ERR_RATE; OKU_ERR_PARAMS; OKU_ERR_MEMORY
  */
 OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out);
 
@@ -179,21 +340,23 @@ OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out);
  * Analyses n samples captured at `gain` (0 to 1; 0 asks for a starting gain)
  * and writes the gain to apply next to *new_gain (the same gain when no update
  * took place; updates need at least 120 ms of audio by default).
- * returns : OKU_OK; OKU_ERR_NULL, OKU_ERR_ARGUMENT (gain outside 0..1 or NaN), OKU_ERR_MEMORY
+ * returns : OKU_OK; OKU_ERR_NULL (agc, new_gain, or samples with n above 0);
+ *           OKU_ERR_ARGUMENT (gain outside 0..1 or NaN; n above PTRDIFF_MAX / 2,
+ *           refused before samples is touched); OKU_ERR_MEMORY
  */
 OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, double gain, double* new_gain);
 
-/* The last decision (all zero before the first call). returns : OKU_OK; OKU_ERR_NULL */
+/* The last decision (all zero before the first call). returns : OKU_OK; OKU_ERR_NULL (agc, out) */
 OKU_API int oku_agc_info(const oku_agc* agc, oku_agc_decision* out);
 
 /*
  * Sends the diagnostic log to fn(user, line), called from within oku_agc_process
  * on the caller's thread; NULL switches it off. fn must not call back into this handle.
- * returns : OKU_OK; OKU_ERR_NULL
+ * returns : OKU_OK; OKU_ERR_NULL (agc)
  */
 OKU_API int oku_agc_set_log(oku_agc* agc, oku_agc_log_fn fn, void* user);
 
-/* Releases the gain control. NULL is OKU_ERR_NULL and does nothing. */
+/* Releases the gain control. returns : OKU_OK; OKU_ERR_NULL (agc; nothing happens) */
 OKU_API int oku_agc_destroy(oku_agc* agc);
 
 #ifdef __cplusplus

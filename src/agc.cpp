@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "parameters.h"
+#include "settings.h"
 
 namespace oku {
 
@@ -104,51 +105,52 @@ AGC::AGC(const std::string& keyValuePairs, int samplingRate)
       _f(static_cast<double>(samplingRate))
 {
     const Parameters par(keyValuePairs);
+    const Setting* const s = kAgcSettings;
     const int frameMs = GetFrameSizeMs();
 
-    _minUpdateFrames = par.Get<int>("MinUpdateIntervalMs", 120) / frameMs;
+    _minUpdateFrames = Read<int>(par, s[kMinUpdateIntervalMs]) / frameMs;
     Require(_minUpdateFrames >= 1, "MinUpdateIntervalMs must be at least 20");
-    _minLowerLevelFrames = par.Get<int>("MinLowerLevelSizeMs", 80) / frameMs;
+    _minLowerLevelFrames = Read<int>(par, s[kMinLowerLevelSizeMs]) / frameMs;
     Require(_minUpdateFrames >= _minLowerLevelFrames,
             "MinLowerLevelSizeMs must not be longer than MinUpdateIntervalMs");
-    _minUpperLevelFrames = par.Get<int>("MinUpperLevelSizeMs", 40) / frameMs;
+    _minUpperLevelFrames = Read<int>(par, s[kMinUpperLevelSizeMs]) / frameMs;
     Require(_minUpdateFrames >= _minUpperLevelFrames,
             "MinUpperLevelSizeMs must not be longer than MinUpdateIntervalMs");
 
-    const int windowFrames = par.Get<int>("WindowSizeMs", 3000) / frameMs;
+    const int windowFrames = Read<int>(par, s[kWindowSizeMs]) / frameMs;
     Require(windowFrames >= 1 && windowFrames <= kMaxWindowEntries && windowFrames >= _minLowerLevelFrames &&
                 windowFrames >= _minUpperLevelFrames,
             "WindowSizeMs must give 1 to 16777216 frames and hold MinLowerLevelSizeMs and MinUpperLevelSizeMs");
     _h.SetSize(windowFrames, 100);
 
-    _speechWindowSize = par.Get<int>("SpeechWindowSizeMs", 800) / frameMs;
-    _speechFraction = par.Get<float>("SpeechFraction", 0.3f);
-    _pauseWindowSize = par.Get<int>("PauseWindowSizeMs", 500) / frameMs;
-    _cutoffFraction = par.Get<float>("CutoffFraction", 0.1f);
+    _speechWindowSize = Read<int>(par, s[kAgcSpeechWindowSizeMs]) / frameMs;
+    _speechFraction = Read<float>(par, s[kSpeechFraction]);
+    _pauseWindowSize = Read<int>(par, s[kPauseWindowSizeMs]) / frameMs;
+    _cutoffFraction = Read<float>(par, s[kAgcCutoffFraction]);
     Require(_cutoffFraction >= 0.0f && _cutoffFraction <= 1.0f, "CutoffFraction must lie in [0, 1]");
-    _interpolationWeight = par.Get<float>("InterpolationWeight", 0.3f);
-    _thresholdOffsetSpeech = par.Get<float>("ThresholdOffsetSpeech", 14.0f);
+    _interpolationWeight = Read<float>(par, s[kInterpolationWeight]);
+    _thresholdOffsetSpeech = Read<float>(par, s[kAgcThresholdOffsetSpeech]);
     Require(_thresholdOffsetSpeech >= 0.0f, "ThresholdOffsetSpeech must not be negative");
-    _thresholdOffsetPause = par.Get<float>("ThresholdOffsetPause", 6.0f);
-    _thresholdUpperBound = par.Get<float>("ThresholdUpperBound", 70.0f);
+    _thresholdOffsetPause = Read<float>(par, s[kAgcThresholdOffsetPause]);
+    _thresholdUpperBound = Read<float>(par, s[kThresholdUpperBound]);
 
-    const int snrWindow = par.Get<int>("SNRWindowSizeMs", 4000) / (frameMs * _minUpdateFrames);
+    const int snrWindow = Read<int>(par, s[kSNRWindowSizeMs]) / (frameMs * _minUpdateFrames);
     Require(snrWindow >= 1 && snrWindow <= kMaxWindowEntries,
             "SNRWindowSizeMs must give 1 to 16777216 updates of MinUpdateIntervalMs");
     _snrHist.SetSize(snrWindow, 100);
     _snrHist.SetMinValue(_thresholdOffsetSpeech);
 
-    _pauseLowerBound = par.Get<float>("PauseLowerBound", 4.0f);
-    _initialPauseLowerBound = par.Get<float>("InitialPauseLowerBound", 12.0f);
+    _pauseLowerBound = Read<float>(par, s[kPauseLowerBound]);
+    _initialPauseLowerBound = Read<float>(par, s[kInitialPauseLowerBound]);
     _curPauseLowerBound = _initialPauseLowerBound;
-    _pauseUpperBound = par.Get<float>("PauseUpperBound", 21.0f);
-    _lowerBound = par.Get<float>("LowerBound", 57.0f);
-    _upperBound = par.Get<float>("UpperBound", 78.0f);
-    _upperLevelRefDelta = par.Get<float>("UpperLevelRefDelta", 6.0f);
-    _tooLowDeltaGaindB = par.Get<float>("TooLowDeltaGaindB", 6.0f);
-    _tooHighDeltaGaindB = par.Get<float>("TooHighDeltaGaindB", 6.0f);
-    _deltaGaindB = par.Get<float>("DeltaGainDb", 1.0f);
-    _leastGain = par.Get<float>("LeastGain", 0.001f);
+    _pauseUpperBound = Read<float>(par, s[kPauseUpperBound]);
+    _lowerBound = Read<float>(par, s[kLowerBound]);
+    _upperBound = Read<float>(par, s[kUpperBound]);
+    _upperLevelRefDelta = Read<float>(par, s[kUpperLevelRefDelta]);
+    _tooLowDeltaGaindB = Read<float>(par, s[kTooLowDeltaGaindB]);
+    _tooHighDeltaGaindB = Read<float>(par, s[kTooHighDeltaGaindB]);
+    _deltaGaindB = Read<float>(par, s[kDeltaGainDb]);
+    _leastGain = Read<float>(par, s[kLeastGain]);
     Require(_leastGain > 0.0f && _leastGain <= 1.0f, "LeastGain must lie in (0, 1]");
 
     Reset();

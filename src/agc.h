@@ -28,15 +28,9 @@ namespace oku {
 // A frame's level is 10 log10f of its mean square taken as a float, and a
 // change of d dB multiplies the gain by powf(10, d / 20).
 //
-// Settings (parameter string keys, all optional; milliseconds become frames by
-// truncating division by 20): "MinUpdateIntervalMs" 120, "MinLowerLevelSizeMs"
-// 80, "MinUpperLevelSizeMs" 40, "WindowSizeMs" 3000, "SpeechWindowSizeMs" 800,
-// "SpeechFraction" 0.3, "PauseWindowSizeMs" 500, "CutoffFraction" 0.1,
-// "InterpolationWeight" 0.3, "ThresholdOffsetSpeech" 14, "ThresholdOffsetPause"
-// 6, "ThresholdUpperBound" 70, "SNRWindowSizeMs" 4000, "PauseLowerBound" 4,
-// "InitialPauseLowerBound" 12, "PauseUpperBound" 21, "LowerBound" 57,
-// "UpperBound" 78, "UpperLevelRefDelta" 6, "TooLowDeltaGaindB" 6,
-// "TooHighDeltaGaindB" 6, "DeltaGainDb" 1, "LeastGain" 0.001.
+// Settings: the parameter string keys of kAgcSettings (settings.h), all
+// optional, with their defaults there; milliseconds become frames by
+// truncating division by 20.
 //
 // The constructor rejects, with std::invalid_argument naming the key, settings
 // that would break the gain control: "MinUpdateIntervalMs" under 20 ms;

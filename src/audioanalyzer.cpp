@@ -1,5 +1,7 @@
 #include "audioanalyzer.h"
 
+#include "settings.h"
+
 #include <algorithm>
 #include <climits>
 #include <cmath>
@@ -41,35 +43,36 @@ AudioAnalyzer::AudioAnalyzer(const std::string& keyValuePairs, double samplingRa
 {
     _samplesPerFrame = static_cast<int>(_standardFrameSizeMs * samplingRate / 1000);
     _frameSizeMs = _samplesPerFrame / samplingRate * 1000;
-    _eosTimeoutMs = 420;
+    _eosTimeoutMs = static_cast<int>(kAnalyzerSettings[kEOSTimeoutMs].defaultValue);
     UpdateParameters(keyValuePairs);
     Reset();
 }
 
 void AudioAnalyzer::UpdateParameters(const std::string& keyValuePairs)
 {
+    const Setting* const s = kAnalyzerSettings;
     _parameters = Parameters(keyValuePairs);
-    _speechWindowSize = GetNumFrames(_parameters.Get<int>("SpeechWindowSizeMs", 200));
-    _speechWindowFraction = _parameters.Get<double>("SpeechWindowFraction", 0.3);
-    if (_parameters.Exists("EOSTimeoutMs"))
-        _eosTimeoutMs = _parameters.Get<int>("EOSTimeoutMs");
+    _speechWindowSize = GetNumFrames(Read<int>(_parameters, s[kSpeechWindowSizeMs]));
+    _speechWindowFraction = Read<double>(_parameters, s[kSpeechWindowFraction]);
+    if (_parameters.Exists(s[kEOSTimeoutMs].key))
+        _eosTimeoutMs = _parameters.Get<int>(s[kEOSTimeoutMs].key);
     _numPauseFrames = GetNumFrames(_eosTimeoutMs);
 
     Parameters par = _parameters;
-    const int windowFrames = GetNumFrames(_parameters.Get<int>("HistogramWindowSizeMs", 2000));
+    const int windowFrames = GetNumFrames(Read<int>(_parameters, s[kHistogramWindowSizeMs]));
     if (windowFrames < 1 || static_cast<unsigned int>(windowFrames) > EnergyHistogram::kMaxWindowSize)
         throw std::invalid_argument("HistogramWindowSizeMs must give 1 to 16777216 frames");
     par.Set<int>("WindowSize", windowFrames);
-    par.Set<int>("MinWindowSize", GetNumFrames(_parameters.Get<int>("HistogramMinWindowSizeMs", 800)));
+    par.Set<int>("MinWindowSize", GetNumFrames(Read<int>(_parameters, s[kHistogramMinWindowSizeMs])));
     _histogram.UpdateParameters(par);
 
-    _maxDecayRateDbPerDs = _parameters.Get<double>("MaxDecayRateDbPerDs", 48.0);
-    _fullScaleSNR = _parameters.Get<double>("FullScaleSNR", 24.0);
-    _tooNoisyLeveldBFS = _parameters.Get<double>("TooNoisyLeveldBFS", -25.0);
-    _tooLoudAlignmentLeveldBFS = _parameters.Get<double>("TooLoudAlignmentLeveldBFS", -12.0);
-    _tooSoftWindowSizeMs = _parameters.Get<double>("TooSoftWindowSizeMs", 2000.0);
-    _tooSoftSNR = _parameters.Get<double>("TooSoftSNR", 18.0);
-    _minRecordingLeveldBFS = _parameters.Get<double>("MinRecordingLeveldBFS", -54.0);
+    _maxDecayRateDbPerDs = Read<double>(_parameters, s[kMaxDecayRateDbPerDs]);
+    _fullScaleSNR = Read<double>(_parameters, s[kFullScaleSNR]);
+    _tooNoisyLeveldBFS = Read<double>(_parameters, s[kTooNoisyLeveldBFS]);
+    _tooLoudAlignmentLeveldBFS = Read<double>(_parameters, s[kTooLoudAlignmentLeveldBFS]);
+    _tooSoftWindowSizeMs = Read<double>(_parameters, s[kTooSoftWindowSizeMs]);
+    _tooSoftSNR = Read<double>(_parameters, s[kTooSoftSNR]);
+    _minRecordingLeveldBFS = Read<double>(_parameters, s[kMinRecordingLeveldBFS]);
 }
 
 void AudioAnalyzer::Reset()

@@ -150,15 +150,12 @@ private:
 // measures each frame, decides between speech and pause, and queues events,
 // audio frames and one volume meter reading per chunk.
 //
-// Settings (parameter string keys, all optional): "SpeechWindowSizeMs" (200),
-// "SpeechWindowFraction" (0.3), "EOSTimeoutMs" (keeps its current value, 420
-// at construction), "HistogramWindowSizeMs" (2000), "HistogramMinWindowSizeMs"
-// (800), "MaxDecayRateDbPerDs" (48), "FullScaleSNR" (24), "TooNoisyLeveldBFS"
-// (-25), "TooLoudAlignmentLeveldBFS" (-12), "TooSoftWindowSizeMs" (2000),
-// "TooSoftSNR" (18), "MinRecordingLeveldBFS" (-54), plus the energy histogram's
-// own keys except "WindowSize" and "MinWindowSize", which are derived from the
-// two histogram durations. Millisecond settings become frame counts rounded to
-// the nearest frame.
+// Settings: the parameter string keys of kAnalyzerSettings (settings.h), all
+// optional, with their defaults there; the last six are the energy
+// histogram's, whose "WindowSize" and "MinWindowSize" are derived from the
+// two histogram durations. Millisecond settings become frame counts rounded
+// to the nearest frame. "EOSTimeoutMs" keeps the value in force when a later
+// parameter string omits it.
 //
 // Settings are not range-checked, with one exception: a "HistogramWindowSizeMs"
 // that gives fewer than one or more than EnergyHistogram::kMaxWindowSize frames

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "parameters.h"
+#include "settings.h"
 
 namespace oku {
 
@@ -18,10 +19,9 @@ namespace oku {
 // is reached; thresholds interpolate between them with a minimum distance above
 // the noise that differs between the speech and the pause state.
 //
-// Keys (all optional): "WindowSize" (100 frames), "MinWindowSize" (40),
-// "CutoffFraction" (0.08), "InterpolationParam" (0.3), "ThresholdOffsetSpeech"
-// (6.0), "ThresholdOffsetPause" (16.0), "ThresholdLowerLimit" (24.0),
-// "ThresholdUpperLimit" (70.0). A "WindowSize" of 0 (the ring must hold at
+// Keys (all optional): "WindowSize" (100 frames), "MinWindowSize" (40), and
+// the six analyzer settings from "CutoffFraction" to "ThresholdUpperLimit"
+// (defaults in settings.h). A "WindowSize" of 0 (the ring must hold at
 // least one energy) or above kMaxWindowSize (a ring no machine could hold) is
 // rejected with std::invalid_argument naming the key; no other setting is
 // range-checked.
@@ -146,30 +146,36 @@ private:
 
     void SetParameters(const Parameters& par)
     {
-        const unsigned int windowSize = par.Get<unsigned int>("WindowSize", 100);
+        const Setting* const s = kAnalyzerSettings;
+        const unsigned int windowSize = par.Get<unsigned int>("WindowSize", kDefaultWindowSize);
         if (windowSize < 1 || windowSize > kMaxWindowSize)
             throw std::invalid_argument("WindowSize must be 1 to 16777216 frames");
         _windowSize = windowSize;
-        _minWindowSize = par.Get<unsigned int>("MinWindowSize", 40);
-        _cutoffFraction = par.Get<double>("CutoffFraction", 0.08);
-        _interpolationParam = par.Get<double>("InterpolationParam", 0.3);
-        _thresholdOffsetSpeech = par.Get<double>("ThresholdOffsetSpeech", 6.0);
-        _thresholdOffsetPause = par.Get<double>("ThresholdOffsetPause", 16.0);
-        _thresholdLowerLimit = par.Get<double>("ThresholdLowerLimit", 24.0);
-        _thresholdUpperLimit = par.Get<double>("ThresholdUpperLimit", 70.0);
+        _minWindowSize = par.Get<unsigned int>("MinWindowSize", kDefaultMinWindowSize);
+        _cutoffFraction = Read<double>(par, s[kCutoffFraction]);
+        _interpolationParam = Read<double>(par, s[kInterpolationParam]);
+        _thresholdOffsetSpeech = Read<double>(par, s[kThresholdOffsetSpeech]);
+        _thresholdOffsetPause = Read<double>(par, s[kThresholdOffsetPause]);
+        _thresholdLowerLimit = Read<double>(par, s[kThresholdLowerLimit]);
+        _thresholdUpperLimit = Read<double>(par, s[kThresholdUpperLimit]);
     }
 
+    // Window sizes in frames when the histogram is built on its own; the
+    // analyzer always sets both from its millisecond settings.
+    static constexpr unsigned int kDefaultWindowSize = 100;
+    static constexpr unsigned int kDefaultMinWindowSize = 40;
+
     std::size_t _index = 0;
-    std::size_t _minWindowSize = 40;
-    std::size_t _windowSize = 100;
-    double _cutoffFraction = 0.08;
-    double _interpolationParam = 0.3;
-    double _thresholdOffsetSpeech = 6.0;
-    double _thresholdOffsetPause = 16.0;
-    double _thresholdLowerLimit = 24.0;
-    double _thresholdUpperLimit = 70.0;
-    double _noiseLevel = 24.0;
-    double _speechLevel = 70.0;
+    std::size_t _minWindowSize = 0;
+    std::size_t _windowSize = 0;
+    double _cutoffFraction = 0;
+    double _interpolationParam = 0;
+    double _thresholdOffsetSpeech = 0;
+    double _thresholdOffsetPause = 0;
+    double _thresholdLowerLimit = 0;
+    double _thresholdUpperLimit = 0;
+    double _noiseLevel = 0;
+    double _speechLevel = 0;
     std::vector<double> _window;
     std::vector<int> _histogram;
 };

@@ -2,12 +2,13 @@
 #ifndef OKU_HIGHPASSFILTER_H
 #define OKU_HIGHPASSFILTER_H
 
-#include <stdexcept>
+#include "rates.h"
 
 namespace oku {
 
 // Transposed direct form II of (b1 + b2 z^-1 + b3 z^-2) / (1 + a2 z^-1 + a3 z^-2),
-// about -3 dB at 125 Hz and -20 dB at 50 Hz at each of the four supported rates.
+// about -3 dB at 125 Hz and -20 dB at 50 Hz at each of the four supported rates
+// (coefficients in rates.h).
 // Filters 16-bit samples in place, rounding with floor(x + 0.5) and clipping to
 // the 16-bit range; the state runs on unclipped, so consecutive calls filter one
 // continuous signal. The three dependent operations per sample are written in
@@ -15,20 +16,14 @@ namespace oku {
 // so the output is the same bit for bit on every machine.
 class HighpassFilter {
 public:
-    // Throws std::invalid_argument("Sampling rate") unless samplingRate is exactly
-    // 8000, 11025, 16000 or 22050.
+    // Throws RateError ("Sampling rate") unless samplingRate is exactly one of
+    // the rates of kSupportedRates.
     explicit HighpassFilter(double samplingRate) : _z1(0.0), _z2(0.0)
     {
-        if (samplingRate == 8000.0)
-            Load(0.8399, -1.6796, -1.8787, 0.8905);
-        else if (samplingRate == 11025.0)
-            Load(0.8539, -1.7077, -1.9129, 0.9193);
-        else if (samplingRate == 16000.0)
-            Load(0.8655, -1.7309, -1.9406, 0.9436);
-        else if (samplingRate == 22050.0)
-            Load(0.8725, -1.7450, -1.9572, 0.9588);
-        else
-            throw std::invalid_argument("Sampling rate");
+        const SupportedRate* r = FindRate(samplingRate);
+        if (!r)
+            throw RateError();
+        Load(r->b1, r->b2, r->a2, r->a3);
     }
 
     void Reset()
