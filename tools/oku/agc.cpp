@@ -1,157 +1,149 @@
 // oku agc: the gain control in a closed loop against a simulated microphone.
 #include <sndfile.h>
 
+#include <algorithm>
 #include <cmath>
-#include <fstream>
+#include <exception>
 #include <memory>
-#include <sstream>
 
-#include "agc.h"
-#include "parameters.h"
-#include "input.h"
-#include "plot.h"
-#include "run.h"
+#include "common.h"
+#include "oku.h"
+#include "plot_agc.h"
 
 namespace okutool {
 
 namespace {
 
-const char* const kControl[] = {"unchanged", "pause_too_low", "speech_too_low", "speech_too_high",
-                                "operating_limit", "gain_estimate"};
+// --log: the gain control's diagnostic lines, written as they come. A write
+// that fails inside the library's callback is kept and raised once the call
+// has returned.
+struct LogFile {
+    OutFile file;
+    std::exception_ptr failure;
 
-// A WAV file of the captured audio (--out).
-class WavOut {
-public:
-    WavOut(const std::string& path, int rate)
+    explicit LogFile(const std::string& path) : file(path) {}
+
+    static void Line(void* user, const char* line)
     {
-        if (path.empty())
+        LogFile* self = static_cast<LogFile*>(user);
+        if (self->failure)
             return;
-        SF_INFO info{};
-        info.samplerate = rate;
-        info.channels = 1;
-        info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-        _file = sf_open(path.c_str(), SFM_WRITE, &info);
-        if (!_file)
-            throw InputError("--out: cannot write " + path + ": " + sf_strerror(nullptr));
-    }
-    ~WavOut()
-    {
-        if (_file)
-            sf_close(_file);
-    }
-    void Write(const std::vector<short>& samples)
-    {
-        if (_file)
-            sf_write_short(_file, samples.data(), static_cast<sf_count_t>(samples.size()));
+        try {
+            self->file.Write(std::string(line) + "\n");
+        } catch (...) {
+            self->failure = std::current_exception();
+        }
     }
 
-private:
-    SNDFILE* _file = nullptr;
+    void Rethrow() const
+    {
+        if (failure)
+            std::rethrow_exception(failure);
+    }
 };
+
+double Setting(const std::string& params, const char* key)
+{
+    double value = 0.0;
+    Check(oku_setting_value(OKU_SERVICE_AGC, params.c_str(), key, &value));
+    return value;
+}
 
 }  // namespace
 
-void RunAgc(const InputSlot& slot, const Options& o, Writer& w)
+void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
 {
-    std::unique_ptr<Source> source = OpenSource(slot.name, o.raw, o.rawRate, o.rawChannels, false);
-    NoteConversion(slot.name, *source);
-    const int rate = source->Rate();
-    oku::AGC agc(o.params, rate);
-    // The log (--log) is collected in memory and written to the file after each
-    // call: the gain control flushes its stream after every item it writes.
-    std::shared_ptr<std::ostringstream> log;
-    std::ofstream logFile;
-    if (!o.logFile.empty()) {
-        const std::string path = PlotPath(o.logFile, slot.index, slot.count);
-        logFile.open(path);
-        if (!logFile)
-            throw InputError("--log: cannot write " + path);
-        log = std::make_shared<std::ostringstream>();
-        agc.SetLogStream(log);
-    }
-    WavOut out(PlotPath(o.outFile, slot.index, slot.count), rate);
-    Progress progress(slot.name, source->OriginalFrames() > 60 * source->OriginalRate() ? source->OriginalFrames() : 0,
-                      o.progress);
-    Envelope envelope(rate);
-    PlotData plot;
-    plot.agc = true;
-    plot.bound = o.bound;
-    plot.startVolume = o.volume;
-    const oku::Parameters settings(o.params);  // already checked
-    plot.lowerBound = settings.Get<float>("LowerBound", 57.0f);
-    plot.upperBound = settings.Get<float>("UpperBound", 78.0f);
+    const Options& o = run.options;
+    std::unique_ptr<Source> source = OpenSource(slot.name, o.raw ? &o.rawFormat : nullptr);
+    const int rate = ProcessingRate(*source);
+    NoteConversion(slot.name, *source, rate);
+    oku_agc* handle = nullptr;
+    Check(oku_agc_create(rate, o.params.c_str(), &handle));
+    const AgcHandle agc(handle);
+    Converter converter(*source, rate);
 
-    const double bound = static_cast<double>(o.bound);
+    std::unique_ptr<LogFile> log;
+    if (!o.logFile.empty()) {
+        log.reset(new LogFile(OutputName(o.logFile, slot.index, slot.count)));
+        Check(oku_agc_set_log(agc.get(), &LogFile::Line, log.get()));
+    }
+    std::unique_ptr<WavWriter> out;
+    if (!o.outFile.empty())
+        out.reset(new WavWriter(OutputName(o.outFile, slot.index, slot.count), rate, 1, SF_FORMAT_PCM_16));
+    std::unique_ptr<AgcPlot> plot;
+    if (!o.plot.empty())
+        plot.reset(new AgcPlot(rate, o.bound, o.volume));
+
     long volume = o.volume;
     long long samples = 0, counts[6] = {0, 0, 0, 0, 0, 0}, changes = 0;
-    const std::size_t chunkSamples = ChunkSamples(o.chunkMs, rate);
-    std::vector<short> chunk;
-    oku::AudioData captured;
-    while (source->Read(chunk, chunkSamples)) {
-        samples += static_cast<long long>(chunk.size());
-        // The microphone: the recording times its gain at full volume times the volume in force.
-        const double factor = o.micGain * static_cast<double>(volume) / bound;
-        captured.resize(chunk.size());
-        for (std::size_t i = 0; i < chunk.size(); ++i)
-            captured[i] = static_cast<short>(std::max(-32768.0, std::min(32767.0, std::nearbyint(chunk[i] * factor))));
-        out.Write(captured);
-        if (!o.plot.empty())
-            envelope.Add(captured);
+    std::vector<short> captured;
+    Stream(
+        *source, converter, ChunkSamples(o.chunkMs, rate), o.progress, slot.name, [](const Block&) {},
+        [&](const std::vector<short>& chunk) {
+            // The microphone: the recording times its gain at full volume times the volume in force.
+            const double factor = o.micGain * static_cast<double>(volume) / static_cast<double>(o.bound);
+            captured.resize(chunk.size());
+            for (std::size_t i = 0; i < chunk.size(); ++i)
+                captured[i] = static_cast<short>(std::max(-32768.0, std::min(32767.0, std::nearbyint(chunk[i] * factor))));
+            if (out)
+                out->WriteShorts(captured.data(), captured.size());
+            if (plot)
+                plot->AddAudio(captured, samples);
+            samples += static_cast<long long>(captured.size());
 
-        // Volume to gain and back as the exported functions convert them; like a
-        // careful host, the volume is left alone when the gain did not change.
-        const float gain = oku::AGC::GainFromVolume(volume, o.bound);
-        const long long updatesBefore = agc.GetNumUpdates();
-        const float newGain = agc.ComputeGain(captured, gain);
-        const long before = volume;
-        if (newGain != gain)
-            volume = oku::AGC::VolumeFromGain(newGain, o.bound);
-        if (log) {
-            logFile << log->str();
-            log->str("");
-        }
-        oku::AGC::ControlInfo info;
-        agc.GetInfo(info);
-        if (agc.GetNumUpdates() != updatesBefore || info.GetControlType() == oku::AGC::ControlInfo::GainEstimate) {
-            const int type = static_cast<int>(info.GetControlType());
-            ++counts[type];
+            // Volume to gain and back as the library converts them; like a
+            // careful host, the volume is left alone when the gain did not change.
+            double gain = 0.0, newGain = 0.0;
+            Check(oku_gain_from_volume(volume, o.bound, &gain));
+            const int status = oku_agc_process(agc.get(), captured.data(), captured.size(), gain, &newGain);
+            if (log)
+                log->Rethrow();
+            Check(status);
+            const long before = volume;
+            if (newGain != gain)
+                Check(oku_volume_from_gain(newGain, o.bound, &volume));
+            oku_agc_decision d;
+            Check(oku_agc_info(agc.get(), &d));
+            if (!d.updated)
+                return;
+            const int control = d.control >= 0 && d.control < 6 ? d.control : 0;
+            ++counts[control];
             changes += volume != before;
-            if (!o.plot.empty())  // kept only for the plot: a live stream may run for days
-                plot.decisions.push_back(
-                    {info.GetTimeMs() / 1000.0, before, volume, type, info.GetPauseLevel(), info.GetSpeechLevel()});
-            w.Write(Record{"decision", {}}
-                        .Add("time_s", info.GetTimeMs() / 1000.0, 3)
-                        .Add("volume_before", static_cast<long long>(before))
-                        .Add("volume_after", static_cast<long long>(volume))
-                        .Add("control", std::string(kControl[type]))
-                        .Add("pause_db", info.GetPauseLevel(), 2)
-                        .Add("speech_db", info.GetSpeechLevel(), 2));
-        }
-        progress.Update(source->OriginalFramesRead());
-    }
+            if (plot)
+                plot->AddDecision(samples, control, d.pause_db, d.speech_db, before, volume);
+            w.Write(Record(RecordType::Decision)
+                        .Set("time_s", d.time_ms / 1000.0, 3)
+                        .Set("volume_before", static_cast<long long>(before))
+                        .Set("volume_after", static_cast<long long>(volume))
+                        .Set("control", std::string(oku_agc_control_name(control)))
+                        .Set("pause_db", d.pause_db, 2)
+                        .Set("speech_db", d.speech_db, 2));
+        });
     if (samples == 0)
-        throw InputError("no audio in it (empty stream)");
+        throw InputError("no audio in it (empty)");
 
-    const double durationS = static_cast<double>(samples) / rate;
-    Record summary{"summary", {}};
-    summary.Add("rate", static_cast<long long>(rate))
-        .Add("original_rate", static_cast<long long>(source->OriginalRate()))
-        .Add("duration_s", durationS, 3)
-        .Add("decisions", counts[0] + counts[1] + counts[2] + counts[3] + counts[4] + counts[5])
-        .Add("changes", changes)
-        .Add("final_volume", static_cast<long long>(volume));
-    for (int t = 0; t < 6; ++t)
-        summary.Add(kControl[t], counts[t]);
+    // Outputs first: the summary says the input is done only when they are.
+    if (out)
+        out->Close();
+    if (log)
+        log->file.Close();
+    if (plot)
+        plot->Save(OutputName(o.plot, slot.index, slot.count),
+                   slot.name + ": gain control, volume of " + std::to_string(o.bound), samples,
+                   Setting(o.params, "LowerBound"), Setting(o.params, "UpperBound"));
+
+    Record summary(RecordType::AgcSummary);
+    summary.Set("rate", static_cast<long long>(rate))
+        .Set("original_rate", static_cast<long long>(source->Rate()))
+        .Set("duration_s", source->FramesRead() / static_cast<double>(source->Rate()), 3)
+        .Set("decisions", counts[0] + counts[1] + counts[2] + counts[3] + counts[4] + counts[5])
+        .Set("changes", changes)
+        .Set("final_volume", static_cast<long long>(volume))
+        .Set("nonfinite_samples", converter.NonFinite());
+    for (int c = 0; c < 6; ++c)
+        summary.Set(oku_agc_control_name(c), counts[c]);
     w.Write(summary);
-
-    if (!o.plot.empty()) {
-        plot.title = slot.name + ": gain control, volume of " + std::to_string(o.bound);
-        plot.durationS = durationS;
-        plot.envelopeStepS = envelope.StepS(rate);
-        plot.envelopeMin = envelope.Min();
-        plot.envelopeMax = envelope.Max();
-        WriteSvg(PlotPath(o.plot, slot.index, slot.count), plot);
-    }
+    NoteNonFinite(slot.name, converter.NonFinite());
 }
 
 }  // namespace okutool

@@ -1,5 +1,6 @@
 #include "input.h"
 
+#include <fcntl.h>
 #include <sndfile.h>
 #include <soxr.h>
 #include <sys/stat.h>
@@ -10,26 +11,293 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
+
+#include "oku.h"
+#include "text.h"
 
 namespace okutool {
 
-int NearestSupportedRate(long rate)
-{
-    static const int rates[] = {8000, 11025, 16000, 22050};
-    int best = rates[0];
-    for (int r : rates)
-        if (std::labs(rate - r) < std::labs(rate - best))
-            best = r;
-    return best;
-}
-
 namespace {
 
-// The rates a resampler can be asked to convert from: anything a real file or
-// device may carry, and nothing absurd.
-const long kMinInputRate = 1000;
-const long kMaxInputRate = 768000;
+struct SndfileCloser {
+    void operator()(SNDFILE* f) const { sf_close(f); }
+};
+using SndfilePtr = std::unique_ptr<SNDFILE, SndfileCloser>;
+
+// A descriptor closed on destruction unless released.
+class Fd {
+public:
+    explicit Fd(int fd = -1) : _fd(fd) {}
+    ~Fd()
+    {
+        if (_fd >= 0)
+            ::close(_fd);
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int Get() const { return _fd; }
+    int Release()
+    {
+        const int fd = _fd;
+        _fd = -1;
+        return fd;
+    }
+
+private:
+    int _fd;
+};
+
+void CheckRate(long rate, const std::string& where)
+{
+    if (rate < kMinInputRate || rate > kMaxInputRate)
+        throw InputError("the sampling rate " + where + ", " + std::to_string(rate) +
+                         " Hz, cannot be used (oku reads " + std::to_string(kMinInputRate) + " to " +
+                         std::to_string(kMaxInputRate) + " Hz)");
+}
+
+bool IsFloatSubtype(int subtype)
+{
+    switch (subtype) {
+    case SF_FORMAT_FLOAT:
+    case SF_FORMAT_DOUBLE:
+    case SF_FORMAT_VORBIS:
+#ifdef SF_FORMAT_OPUS
+    case SF_FORMAT_OPUS:
+#endif
+#ifdef SF_FORMAT_MPEG_LAYER_III
+    case SF_FORMAT_MPEG_LAYER_I:
+    case SF_FORMAT_MPEG_LAYER_II:
+    case SF_FORMAT_MPEG_LAYER_III:
+#endif
+        return true;
+    default:
+        return false;
+    }
+}
+
+// The rate a RIFF/WAVE header states, for a message when libsndfile refuses
+// the file: -1 when the file is no WAVE file or the field cannot be found.
+long WaveHeaderRate(int fd)
+{
+    unsigned char h[4096];
+    const ssize_t n = ::pread(fd, h, sizeof h, 0);
+    if (n < 12 || std::memcmp(h, "RIFF", 4) != 0 || std::memcmp(h + 8, "WAVE", 4) != 0)
+        return -1;
+    auto u32 = [&](ssize_t at) {
+        return static_cast<unsigned long>(h[at]) | static_cast<unsigned long>(h[at + 1]) << 8 |
+               static_cast<unsigned long>(h[at + 2]) << 16 | static_cast<unsigned long>(h[at + 3]) << 24;
+    };
+    for (ssize_t at = 12; at + 8 <= n;) {
+        const unsigned long size = u32(at + 4);
+        if (std::memcmp(h + at, "fmt ", 4) == 0)
+            return at + 16 <= n ? static_cast<long>(u32(at + 12)) : -1;
+        if (size > static_cast<unsigned long>(n))
+            return -1;
+        at += 8 + static_cast<ssize_t>(size + (size & 1));
+    }
+    return -1;
+}
+
+// Copies all of fd into an unlinked temporary file and returns it, rewound.
+int Spool(int fd)
+{
+    const char* dir = std::getenv("TMPDIR");
+    std::string folder = dir && *dir ? dir : "/tmp";
+    int tmp = ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (tmp < 0) {
+        std::string name = folder + "/oku-input-XXXXXX";
+        std::vector<char> buf(name.begin(), name.end());
+        buf.push_back('\0');
+        tmp = ::mkstemp(buf.data());
+        if (tmp >= 0)
+            ::unlink(buf.data());
+    }
+    if (tmp < 0)
+        throw InputError("cannot keep the input in a temporary file in " + folder + ": " + ErrnoText(errno));
+    Fd guard(tmp);
+    std::vector<char> buf(1 << 16);
+    for (;;) {
+        const ssize_t n = ::read(fd, buf.data(), buf.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            throw InputError("cannot read: " + ErrnoText(errno));
+        if (n == 0)
+            break;
+        for (ssize_t done = 0; done < n;) {
+            const ssize_t w = ::write(tmp, buf.data() + done, static_cast<std::size_t>(n - done));
+            if (w < 0 && errno == EINTR)
+                continue;
+            if (w <= 0)
+                throw InputError("cannot keep the input in a temporary file in " + folder + ": " +
+                                 ErrnoText(w < 0 ? errno : EIO));
+            done += w;
+        }
+    }
+    if (::lseek(tmp, 0, SEEK_SET) != 0)
+        throw InputError("cannot read back the temporary file: " + ErrnoText(errno));
+    return guard.Release();
+}
+
+// Any file libsndfile reads.
+class SndSource : public Source {
+public:
+    explicit SndSource(const std::string& name)
+    {
+        Fd fd(Open(name));
+        struct stat st;
+        if (::fstat(fd.Get(), &st) == 0 && st.st_size == 0)
+            throw InputError("empty file");
+        const long headerRate = WaveHeaderRate(fd.Get());
+        SF_INFO info{};
+        _file.reset(sf_open_fd(fd.Get(), SFM_READ, &info, SF_FALSE));
+        if (!_file) {
+            if (headerRate >= 0)
+                CheckRate(headerRate, "in its header");
+            throw InputError(std::string("not an audio file libsndfile can read (") + sf_strerror(nullptr) + ")");
+        }
+        _fd = fd.Release();  // closed after the SNDFILE (see the destructor)
+        _rate = info.samplerate;
+        _channels = info.channels;
+        _subtype = info.format & SF_FORMAT_SUBMASK;
+        _kind = IsFloatSubtype(_subtype) ? SampleKind::Float : SampleKind::Int;
+        _frames = info.frames;
+        if (info.frames <= 0)
+            throw InputError("no audio in it (empty)");
+        CheckRate(_rate, "in its header");
+        if (_channels < 1 || _channels > 1024)
+            throw InputError("cannot use " + std::to_string(_channels) + " channels");
+    }
+
+    ~SndSource() override
+    {
+        _file.reset();
+        if (_fd >= 0)
+            ::close(_fd);
+    }
+
+    bool Read(Block& block, std::size_t maxFrames) override
+    {
+        const std::size_t samples = maxFrames * static_cast<std::size_t>(_channels);
+        sf_count_t got;
+        block = Block();
+        if (_kind == SampleKind::Int) {
+            _ints.resize(samples);
+            got = sf_readf_int(_file.get(), _ints.data(), static_cast<sf_count_t>(maxFrames));
+            block.ints = _ints.data();
+        } else {
+            _floats.resize(samples);
+            got = sf_readf_float(_file.get(), _floats.data(), static_cast<sf_count_t>(maxFrames));
+            block.floats = _floats.data();
+        }
+        if (got <= 0) {
+            if (sf_error(_file.get()) != SF_ERR_NO_ERROR)
+                throw InputError(std::string("cannot read: ") + sf_strerror(_file.get()));
+            return false;
+        }
+        block.frames = static_cast<std::size_t>(got);
+        _framesRead += got;
+        return true;
+    }
+
+private:
+    // A descriptor libsndfile can seek on: the file itself, or a spooled copy of a pipe.
+    static int Open(const std::string& name)
+    {
+        if (name == "-") {
+            if (::lseek(0, 0, SEEK_CUR) < 0)
+                return Spool(0);
+            const int fd = ::fcntl(0, F_DUPFD_CLOEXEC, 3);
+            if (fd < 0)
+                throw InputError("cannot read standard input: " + ErrnoText(errno));
+            return fd;
+        }
+        struct stat st;
+        if (::stat(name.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+            throw InputError("is a directory");
+        Fd fd(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+        if (fd.Get() < 0)
+            throw InputError("cannot open: " + ErrnoText(errno));
+        if (::lseek(fd.Get(), 0, SEEK_CUR) >= 0)
+            return fd.Release();
+        return Spool(fd.Get());
+    }
+
+    SndfilePtr _file;
+    int _fd = -1;
+    std::vector<std::int32_t> _ints;
+    std::vector<float> _floats;
+};
+
+// Raw signed 16-bit little-endian PCM, read as it arrives.
+class RawSource : public Source {
+public:
+    RawSource(const std::string& name, const RawFormat& format)
+    {
+        _rate = format.rate;
+        _channels = format.channels;
+        _subtype = SF_FORMAT_PCM_16;
+        CheckRate(_rate, "given");
+        if (name == "-") {
+            _fd = 0;
+        } else {
+            struct stat st;
+            if (::stat(name.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+                throw InputError("is a directory");
+            _fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+            if (_fd < 0)
+                throw InputError("cannot open: " + ErrnoText(errno));
+            if (::fstat(_fd, &st) == 0 && S_ISREG(st.st_mode))
+                _frames = st.st_size / (2 * _channels);
+        }
+    }
+
+    ~RawSource() override
+    {
+        if (_fd > 0)
+            ::close(_fd);
+    }
+
+    bool Read(Block& block, std::size_t maxFrames) override
+    {
+        const std::size_t frameBytes = 2 * static_cast<std::size_t>(_channels);
+        block = Block();
+        while (_bytes.size() < frameBytes && !_ended) {
+            std::vector<unsigned char> buf(std::max(maxFrames, std::size_t{1}) * frameBytes - _bytes.size());
+            const ssize_t got = ::read(_fd, buf.data(), buf.size());
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got < 0)
+                throw InputError("cannot read: " + ErrnoText(errno));
+            if (got == 0)
+                _ended = true;
+            _bytes.insert(_bytes.end(), buf.begin(), buf.begin() + got);
+        }
+        const std::size_t frames = std::min(maxFrames, _bytes.size() / frameBytes);
+        if (frames == 0) {
+            if (!_bytes.empty())
+                throw InputError("ends in the middle of a frame (" + std::to_string(_bytes.size()) + " bytes left over)");
+            return false;
+        }
+        _ints.resize(frames * static_cast<std::size_t>(_channels));
+        for (std::size_t i = 0; i < _ints.size(); ++i) {
+            const auto lo = static_cast<std::uint32_t>(_bytes[2 * i]);
+            const auto hi = static_cast<std::uint32_t>(_bytes[2 * i + 1]);
+            _ints[i] = static_cast<std::int32_t>((lo << 16) | (hi << 24));
+        }
+        _bytes.erase(_bytes.begin(), _bytes.begin() + static_cast<std::ptrdiff_t>(frames * frameBytes));
+        block.ints = _ints.data();
+        block.frames = frames;
+        _framesRead += static_cast<long long>(frames);
+        return true;
+    }
+
+private:
+    int _fd = 0;
+    bool _ended = false;
+    std::vector<unsigned char> _bytes;
+    std::vector<std::int32_t> _ints;
+};
 
 short ToSample(float x)
 {
@@ -37,315 +305,114 @@ short ToSample(float x)
     return static_cast<short>(std::max(-32768.0f, std::min(32767.0f, scaled)));
 }
 
-// Mixes interleaved frames down to mono and resamples them, keeping the result
-// in a queue from which chunks are taken.
-class Converter {
-public:
-    Converter(long inRate, int outRate, int channels) : _channels(channels)
-    {
-        if (inRate != outRate) {
-            soxr_error_t error = nullptr;
-            const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
-            const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
-            _soxr = soxr_create(static_cast<double>(inRate), outRate, 1, &error, &io, &quality, nullptr);
-            if (error)
-                throw InputError(std::string("cannot resample: ") + error);
-        }
-    }
-    ~Converter()
-    {
-        if (_soxr)
-            soxr_delete(_soxr);
-    }
-    Converter(const Converter&) = delete;
-    Converter& operator=(const Converter&) = delete;
-
-    // Exact path: mono 16-bit at a supported rate.
-    void PushShorts(const short* frames, std::size_t count) { _out.insert(_out.end(), frames, frames + count); }
-
-    // Float frames, interleaved, in [-1, 1).
-    void PushFloats(const float* frames, std::size_t count)
-    {
-        _mono.resize(count);
-        for (std::size_t i = 0; i < count; ++i) {
-            float sum = 0.0f;
-            for (int c = 0; c < _channels; ++c)
-                sum += frames[i * static_cast<std::size_t>(_channels) + static_cast<std::size_t>(c)];
-            _mono[i] = sum / static_cast<float>(_channels);
-        }
-        Resample(_mono.data(), count);
-    }
-
-    void Finish()
-    {
-        if (_soxr)
-            Resample(nullptr, 0);
-    }
-
-    bool Take(std::vector<short>& chunk, std::size_t n)
-    {
-        const std::size_t count = std::min(n, _out.size());
-        chunk.assign(_out.begin(), _out.begin() + static_cast<long>(count));
-        _out.erase(_out.begin(), _out.begin() + static_cast<long>(count));
-        return count > 0;
-    }
-    std::size_t Available() const { return _out.size(); }
-
-private:
-    void Resample(const float* in, std::size_t count)
-    {
-        if (!_soxr) {
-            for (std::size_t i = 0; i < count; ++i)
-                _out.push_back(ToSample(in[i]));
-            return;
-        }
-        std::size_t done = 0;
-        do {
-            float out[4096];
-            std::size_t used = 0, produced = 0;
-            soxr_error_t error = soxr_process(_soxr, in ? in + done : nullptr, in ? count - done : 0, &used, out,
-                                              sizeof out / sizeof out[0], &produced);
-            if (error)
-                throw InputError(std::string("resampling failed: ") + error);
-            done += used;
-            for (std::size_t i = 0; i < produced; ++i)
-                _out.push_back(ToSample(out[i]));
-            if (!in && produced == 0)
-                break;
-        } while (in ? done < count : true);
-    }
-
-    int _channels;
-    soxr_t _soxr = nullptr;
-    std::vector<float> _mono;
-    std::deque<short> _out;
-};
-
-void CheckRate(long rate)
-{
-    if (rate < kMinInputRate || rate > kMaxInputRate)
-        throw InputError("cannot resample a sampling rate of " + std::to_string(rate) + " Hz (supported: " +
-                         std::to_string(kMinInputRate) + " to " + std::to_string(kMaxInputRate) + ")");
-}
-
-// An in-memory file for libsndfile's virtual I/O (standard input read whole).
-struct MemoryFile {
-    const std::vector<char>* data = nullptr;
-    sf_count_t pos = 0;
-
-    static MemoryFile* Self(void* p) { return static_cast<MemoryFile*>(p); }
-    static sf_count_t Length(void* p) { return static_cast<sf_count_t>(Self(p)->data->size()); }
-    static sf_count_t Seek(sf_count_t offset, int whence, void* p)
-    {
-        const sf_count_t base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? Self(p)->pos : Length(p);
-        Self(p)->pos = std::max<sf_count_t>(0, std::min(base + offset, Length(p)));
-        return Self(p)->pos;
-    }
-    static sf_count_t Read(void* dst, sf_count_t count, void* p)
-    {
-        const sf_count_t n = std::max<sf_count_t>(0, std::min(count, Length(p) - Self(p)->pos));
-        std::memcpy(dst, Self(p)->data->data() + Self(p)->pos, static_cast<std::size_t>(n));
-        Self(p)->pos += n;
-        return n;
-    }
-    static sf_count_t Write(const void*, sf_count_t, void*) { return 0; }
-    static sf_count_t Tell(void* p) { return Self(p)->pos; }
-
-    SNDFILE* Open(SF_INFO& info)
-    {
-        static SF_VIRTUAL_IO io = {Length, Seek, Read, Write, Tell};
-        pos = 0;
-        return sf_open_virtual(&io, SFM_READ, &info, this);
-    }
-};
-
-std::vector<char> ReadAllStdin()
-{
-    std::vector<char> data;
-    char buf[65536];
-    for (;;) {
-        const ssize_t n = ::read(0, buf, sizeof buf);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            throw InputError(std::string("cannot read standard input: ") + std::strerror(errno));
-        if (n == 0)
-            return data;
-        data.insert(data.end(), buf, buf + n);
-    }
-}
-
-// Any file libsndfile reads, from a path or from memory (standard input).
-class FileSource : public Source {
-public:
-    FileSource(const std::string& path, std::vector<char> memory) : _path(path), _memory(std::move(memory))
-    {
-        _file = Open(_reader, _info);
-        _channels = _info.channels;
-        _originalRate = _info.samplerate;
-        _originalFrames = _info.frames;
-        if (_info.frames <= 0)
-            throw InputError("no audio in it (empty)");
-        CheckRate(_originalRate);
-        _rate = NearestSupportedRate(_originalRate);
-        _exact = _channels == 1 && _rate == _originalRate && (_info.format & SF_FORMAT_SUBMASK) == SF_FORMAT_PCM_16;
-        _converter.reset(new Converter(_originalRate, _rate, _channels));
-    }
-    ~FileSource() override { sf_close(_file); }
-
-    bool Read(std::vector<short>& chunk, std::size_t n) override
-    {
-        while (_converter->Available() < n && !_ended) {
-            const sf_count_t want = 4096;
-            sf_count_t got;
-            if (_exact) {
-                _shorts.resize(static_cast<std::size_t>(want));
-                got = sf_readf_short(_file, _shorts.data(), want);
-                _converter->PushShorts(_shorts.data(), static_cast<std::size_t>(got));
-            } else {
-                _floats.resize(static_cast<std::size_t>(want * _channels));
-                got = sf_readf_float(_file, _floats.data(), want);
-                _converter->PushFloats(_floats.data(), static_cast<std::size_t>(got));
-            }
-            _originalFramesRead += got;
-            if (got < want) {
-                _ended = true;
-                _converter->Finish();
-            }
-        }
-        return _converter->Take(chunk, n);
-    }
-
-    std::vector<short> OriginalFramesAt(long long from, long long count) override
-    {
-        MemoryFile reader;
-        SF_INFO info{};
-        SNDFILE* f = Open(reader, info);
-        std::vector<short> frames(static_cast<std::size_t>(count * info.channels));
-        sf_count_t got = 0;
-        if (sf_seek(f, from, SEEK_SET) >= 0)
-            got = sf_readf_short(f, frames.data(), count);
-        sf_close(f);
-        frames.resize(static_cast<std::size_t>(got * info.channels));
-        return frames;
-    }
-
-private:
-    SNDFILE* Open(MemoryFile& reader, SF_INFO& info)
-    {
-        SNDFILE* f;
-        if (_path == "-") {
-            reader.data = &_memory;
-            f = reader.Open(info);
-        } else {
-            f = sf_open(_path.c_str(), SFM_READ, &info);
-        }
-        if (!f) {
-            const std::string why = sf_strerror(nullptr);
-            if (_path != "-" && ::access(_path.c_str(), R_OK) != 0)
-                throw InputError(std::string("cannot open: ") + std::strerror(errno));
-            struct stat st;
-            if (_path != "-" && ::stat(_path.c_str(), &st) == 0 && st.st_size == 0)
-                throw InputError("empty file");
-            throw InputError("not an audio file libsndfile can read (" + why + ")");
-        }
-        return f;
-    }
-
-    std::string _path;
-    std::vector<char> _memory;
-    MemoryFile _reader;
-    SF_INFO _info{};
-    SNDFILE* _file = nullptr;
-    bool _exact = false;
-    bool _ended = false;
-    std::vector<short> _shorts;
-    std::vector<float> _floats;
-    std::unique_ptr<Converter> _converter;
-};
-
-// Raw signed 16-bit little-endian PCM from standard input, read as it arrives.
-class RawSource : public Source {
-public:
-    RawSource(long rate, int channels, bool keepOriginal) : _keep(keepOriginal)
-    {
-        CheckRate(rate);
-        _originalRate = rate;
-        _channels = channels;
-        _rate = NearestSupportedRate(rate);
-        _converter.reset(new Converter(_originalRate, _rate, _channels));
-    }
-
-    bool Read(std::vector<short>& chunk, std::size_t n) override
-    {
-        while (_converter->Available() < n && !_ended) {
-            // Ask for what the chunk still needs (so live input is not held back), at least one frame.
-            const std::size_t frameBytes = 2 * static_cast<std::size_t>(_channels);
-            const std::size_t need = std::max<std::size_t>(1, n - _converter->Available());
-            const std::size_t wantBytes =
-                static_cast<std::size_t>(std::ceil(need * static_cast<double>(_originalRate) / _rate)) * frameBytes;
-            std::vector<unsigned char> buf(std::max(wantBytes, frameBytes));
-            const ssize_t got = ::read(0, buf.data(), buf.size());
-            if (got < 0 && errno == EINTR)
-                continue;
-            if (got < 0)
-                throw InputError(std::string("cannot read standard input: ") + std::strerror(errno));
-            if (got == 0) {
-                _ended = true;
-                _converter->Finish();
-                break;
-            }
-            _pending.insert(_pending.end(), buf.begin(), buf.begin() + got);
-            const std::size_t frames = _pending.size() / frameBytes;
-            std::vector<short> samples(frames * static_cast<std::size_t>(_channels));
-            for (std::size_t i = 0; i < samples.size(); ++i)
-                samples[i] = static_cast<short>(static_cast<unsigned>(_pending[2 * i]) |
-                                                (static_cast<unsigned>(_pending[2 * i + 1]) << 8));
-            _pending.erase(_pending.begin(), _pending.begin() + static_cast<long>(frames * frameBytes));
-            _originalFramesRead += static_cast<long long>(frames);
-            if (_keep)
-                _original.insert(_original.end(), samples.begin(), samples.end());
-            if (_channels == 1 && _rate == _originalRate) {
-                _converter->PushShorts(samples.data(), frames);
-            } else {
-                std::vector<float> f(samples.size());
-                for (std::size_t i = 0; i < f.size(); ++i)
-                    f[i] = samples[i] / 32768.0f;
-                _converter->PushFloats(f.data(), frames);
-            }
-        }
-        return _converter->Take(chunk, n);
-    }
-
-    std::vector<short> OriginalFramesAt(long long from, long long count) override
-    {
-        const std::size_t c = static_cast<std::size_t>(_channels);
-        const std::size_t begin = std::min(_original.size(), static_cast<std::size_t>(from) * c);
-        const std::size_t end = std::min(_original.size(), static_cast<std::size_t>(from + count) * c);
-        return std::vector<short>(_original.begin() + static_cast<long>(begin), _original.begin() + static_cast<long>(end));
-    }
-
-private:
-    bool _keep;
-    bool _ended = false;
-    std::vector<unsigned char> _pending;
-    std::vector<short> _original;
-    std::unique_ptr<Converter> _converter;
-};
-
 }  // namespace
 
-std::unique_ptr<Source> OpenSource(const std::string& name, bool raw, long rawRate, int rawChannels, bool keepOriginal)
+std::unique_ptr<Source> OpenSource(const std::string& name, const RawFormat* raw)
 {
-    if (name == "-" && raw)
-        return std::unique_ptr<Source>(new RawSource(rawRate, rawChannels, keepOriginal));
-    if (name == "-") {
-        std::vector<char> data = ReadAllStdin();
-        if (data.empty())
-            throw InputError("no audio in it (empty stream)");
-        return std::unique_ptr<Source>(new FileSource(name, std::move(data)));
+    if (raw)
+        return std::unique_ptr<Source>(new RawSource(name, *raw));
+    return std::unique_ptr<Source>(new SndSource(name));
+}
+
+Converter::Converter(const Source& source, int outRate)
+    : _channels(source.Channels()),
+      _kind(source.Kind()),
+      _exact(source.Channels() == 1 && source.Rate() == outRate && source.Kind() == SampleKind::Int &&
+             source.Subtype() == SF_FORMAT_PCM_16)
+{
+    if (source.Rate() != outRate) {
+        soxr_error_t error = nullptr;
+        const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
+        const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
+        _soxr = soxr_create(static_cast<double>(source.Rate()), outRate, 1, &error, &io, &quality, nullptr);
+        if (error)
+            throw InputError(std::string("cannot resample: ") + error);
     }
-    return std::unique_ptr<Source>(new FileSource(name, std::vector<char>()));
+}
+
+Converter::~Converter()
+{
+    if (_soxr)
+        soxr_delete(_soxr);
+}
+
+void Converter::Push(const Block& block)
+{
+    if (_taken > 0 && _taken * 2 >= _out.size()) {
+        _out.erase(_out.begin(), _out.begin() + static_cast<std::ptrdiff_t>(_taken));
+        _taken = 0;
+    }
+    const std::size_t channels = static_cast<std::size_t>(_channels);
+    if (_exact) {
+        for (std::size_t i = 0; i < block.frames; ++i)
+            _out.push_back(static_cast<short>(block.ints[i] / 65536));  // 16-bit samples: low bits are 0
+        return;
+    }
+    _mono.resize(block.frames);
+    for (std::size_t i = 0; i < block.frames; ++i) {
+        float sum = 0.0f;
+        for (std::size_t c = 0; c < channels; ++c) {
+            float x;
+            if (_kind == SampleKind::Int) {
+                x = static_cast<float>(block.ints[i * channels + c]) / 2147483648.0f;
+            } else {
+                x = block.floats[i * channels + c];
+                if (!std::isfinite(x)) {
+                    ++_nonFinite;
+                    x = 0.0f;
+                }
+            }
+            sum += x;
+        }
+        _mono[i] = sum / static_cast<float>(_channels);
+    }
+    Resample(_mono.data(), block.frames);
+}
+
+void Converter::Finish()
+{
+    if (!_finished && _soxr)
+        Resample(nullptr, 0);
+    _finished = true;
+}
+
+void Converter::Append(const float* samples, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        _out.push_back(ToSample(samples[i]));
+}
+
+void Converter::Resample(const float* in, std::size_t count)
+{
+    if (!_soxr) {
+        Append(in, count);
+        return;
+    }
+    float out[4096];
+    std::size_t done = 0;
+    for (;;) {
+        std::size_t used = 0, produced = 0;
+        const soxr_error_t error = soxr_process(_soxr, in ? in + done : nullptr, in ? count - done : 0, &used, out,
+                                                sizeof out / sizeof out[0], &produced);
+        if (error)
+            throw InputError(std::string("resampling failed: ") + error);
+        done += used;
+        Append(out, produced);
+        if (in ? done >= count && produced < sizeof out / sizeof out[0] : produced == 0)
+            return;
+    }
+}
+
+bool Converter::Take(std::vector<short>& chunk, std::size_t n)
+{
+    const std::size_t available = _out.size() - _taken;
+    if (available == 0 || (available < n && !_finished))
+        return false;
+    const std::size_t count = std::min(n, available);
+    chunk.assign(_out.begin() + static_cast<std::ptrdiff_t>(_taken),
+                 _out.begin() + static_cast<std::ptrdiff_t>(_taken + count));
+    _taken += count;
+    return true;
 }
 
 }  // namespace okutool

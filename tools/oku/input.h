@@ -1,55 +1,111 @@
-// Audio inputs of the oku command: files and standard input, mixed down to mono
-// and brought to a sampling rate the library supports.
+// Audio inputs of the oku command: files libsndfile reads, raw PCM from files,
+// FIFOs or standard input, and their conversion to what the library takes.
 #ifndef OKU_TOOL_INPUT_H
 #define OKU_TOOL_INPUT_H
 
+#include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+struct soxr;
+
 namespace okutool {
 
-// A problem with one input: reported as "oku: NAME: message", the other inputs go on.
+// A problem with one input: reported as "oku: NAME: message"; the other inputs go on.
 struct InputError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// The supported rate nearest to `rate` (8000, 11025, 16000 or 22050 Hz).
-int NearestSupportedRate(long rate);
+// The sampling rates the command accepts from an input (it resamples them).
+const long kMinInputRate = 1000;
+const long kMaxInputRate = 768000;
 
-// Delivers an input as mono 16-bit samples at Rate(), chunk by chunk.
+// How a source holds its original samples: as libsndfile's ints (the sample in
+// the top bits: lossless for every integer format) or as floats (float, double
+// and lossy formats, lossless for float).
+enum class SampleKind { Int, Float };
+
+// A block of original frames, interleaved; one of the two pointers is set.
+struct Block {
+    const std::int32_t* ints = nullptr;
+    const float* floats = nullptr;
+    std::size_t frames = 0;
+};
+
 class Source {
 public:
     virtual ~Source() = default;
-    // Replaces `chunk` by the next `n` samples (fewer at the end); false when none are left.
-    virtual bool Read(std::vector<short>& chunk, std::size_t n) = 0;
+    // The next block of at most maxFrames original frames; a live input returns
+    // what has arrived (at least one frame). False at the end.
+    virtual bool Read(Block& block, std::size_t maxFrames) = 0;
 
-    int Rate() const { return _rate; }
-    long OriginalRate() const { return _originalRate; }
+    long Rate() const { return _rate; }
     int Channels() const { return _channels; }
-    // Length in frames at the original rate, or -1 for a stream of unknown length.
-    long long OriginalFrames() const { return _originalFrames; }
-    // Frames of the original consumed so far (for a progress bar).
-    long long OriginalFramesRead() const { return _originalFramesRead; }
-    bool Resampled() const { return _rate != _originalRate; }
-    // Original, interleaved 16-bit frames [from, from + count), for cutting
-    // segments; only sources that can go back (files, or inputs kept in memory).
-    virtual std::vector<short> OriginalFramesAt(long long from, long long count) = 0;
+    SampleKind Kind() const { return _kind; }
+    // libsndfile's subtype of the original samples (SF_FORMAT_PCM_16, SF_FORMAT_FLOAT, ...).
+    int Subtype() const { return _subtype; }
+    // Length in frames, or -1 when not known beforehand.
+    long long Frames() const { return _frames; }
+    long long FramesRead() const { return _framesRead; }
 
 protected:
-    int _rate = 0;
-    long _originalRate = 0;
+    long _rate = 0;
     int _channels = 1;
-    long long _originalFrames = -1;
-    long long _originalFramesRead = 0;
+    SampleKind _kind = SampleKind::Int;
+    int _subtype = 0;
+    long long _frames = -1;
+    long long _framesRead = 0;
 };
 
-// Opens a file, or standard input for "-": raw s16le at rawRate with rawChannels when
-// raw is set, otherwise a whole audio file read from the stream. keepOriginal makes
-// standard input remember its original frames for OriginalFramesAt.
-std::unique_ptr<Source> OpenSource(const std::string& name, bool raw, long rawRate, int rawChannels,
-                                   bool keepOriginal);
+// Raw input: signed 16-bit little-endian PCM at `rate` with `channels`.
+struct RawFormat {
+    long rate = 0;
+    int channels = 1;
+};
+
+// Opens an input: "-" is standard input. Without raw, any file libsndfile
+// reads (an unseekable one, such as a pipe, is first kept in an unlinked
+// temporary file, since not every format can be read in one pass); with raw,
+// the bytes as they arrive, from a file, a FIFO or standard input.
+std::unique_ptr<Source> OpenSource(const std::string& name, const RawFormat* raw);
+
+// Turns original frames into mono 16-bit samples at a supported rate: samples
+// that are NaN or infinite count as 0 (and are counted), channels are
+// averaged, another rate is resampled with libsoxr. Mono 16-bit input at a
+// supported rate passes through unchanged.
+class Converter {
+public:
+    Converter(const Source& source, int outRate);
+    ~Converter();
+    Converter(const Converter&) = delete;
+    Converter& operator=(const Converter&) = delete;
+
+    void Push(const Block& block);
+    // The end of the input: lets the resampler give out what it holds.
+    void Finish();
+    // Takes exactly n converted samples into chunk, or after Finish whatever is
+    // left (fewer); false when there is not enough (or nothing left).
+    bool Take(std::vector<short>& chunk, std::size_t n);
+
+    long long NonFinite() const { return _nonFinite; }
+    bool Exact() const { return _exact; }
+
+private:
+    void Resample(const float* in, std::size_t count);
+    void Append(const float* samples, std::size_t count);
+
+    int _channels;
+    SampleKind _kind;
+    bool _exact;
+    bool _finished = false;
+    soxr* _soxr = nullptr;
+    long long _nonFinite = 0;
+    std::vector<float> _mono;
+    std::vector<short> _out;
+    std::size_t _taken = 0;  // samples of _out already taken
+};
 
 }  // namespace okutool
 

@@ -1,97 +1,122 @@
 // oku: speech segments, volume readings and gain decisions for audio files and
 // live streams. See `oku --help` and the README.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <condition_variable>
-#include <cstdio>
 #include <mutex>
 #include <thread>
 #include <vector>
 
-#include "input.h"
+#include "common.h"
+#include "oku.h"
 #include "options.h"
+#include "output.h"
 #include "params.h"
-#include "report.h"
-#include "run.h"
+#include "split.h"
+#include "text.h"
 
 using namespace okutool;
 
 namespace {
 
-struct Job {
-    std::string output;
-    bool done = false;
-    bool failed = false;
-};
-
-// Runs one input into `writer`; reports a failure on stderr and returns false.
-bool RunOne(const InputSlot& slot, const Options& o, Writer& writer)
+// Names every file the run will write before anything is opened: no output
+// may be an input or another output, and --split's folder must be usable and
+// its files distinct across inputs. Throws UsageError.
+void PlanOutputs(const Options& o, FilePlan& plan)
 {
+    for (const std::string& in : o.inputs)
+        plan.AddInput(in);
+    const int count = static_cast<int>(o.inputs.size());
     try {
-        if (o.command == "vad")
-            RunVad(slot, o, writer);
-        else
-            RunAgc(slot, o, writer);
-        return true;
-    } catch (const std::exception& e) {
-        PrintErr("oku: " + slot.name + ": " + e.what());
-        return false;
+        for (int i = 0; i < count; ++i) {
+            if (!o.plot.empty())
+                plan.AddOutput("--plot", OutputName(o.plot, i, count));
+            if (!o.logFile.empty())
+                plan.AddOutput("--log", OutputName(o.logFile, i, count));
+            if (!o.outFile.empty())
+                plan.AddOutput("--out", OutputName(o.outFile, i, count));
+        }
+    } catch (const std::invalid_argument& e) {
+        throw UsageError(e.what());
+    }
+    if (o.splitDir.empty())
+        return;
+    for (int i = 0; i < count; ++i)
+        for (int j = 0; j < i; ++j)
+            if (BaseName(o.inputs[static_cast<std::size_t>(i)]) == BaseName(o.inputs[static_cast<std::size_t>(j)]))
+                throw UsageError("--split: inputs " + o.inputs[static_cast<std::size_t>(j)] + " and " +
+                                 o.inputs[static_cast<std::size_t>(i)] + " would both write " +
+                                 SegmentWriter::FileName(BaseName(o.inputs[static_cast<std::size_t>(i)]), 1, 0.0)
+                                     .replace(BaseName(o.inputs[static_cast<std::size_t>(i)]).size() + 1, 3, "NNN") +
+                                 " and so on; split them in separate runs");
+    struct stat st;
+    if (::stat(o.splitDir.c_str(), &st) == 0) {
+        if (!S_ISDIR(st.st_mode))
+            throw UsageError("--split " + o.splitDir + ": is not a directory");
+    } else if (::mkdir(o.splitDir.c_str(), 0777) != 0) {
+        throw UsageError("--split " + o.splitDir + ": cannot make the directory: " + ErrnoText(errno));
     }
 }
 
-}  // namespace
+struct Failure {
+    bool input = false;   // an input or one of its outputs failed
+    bool stdout = false;  // standard output failed: the run stops
+};
 
-int main(int argc, char** argv)
+// Runs one input; reports a failure on standard error.
+void RunOne(const InputSlot& slot, const Run& run, Writer& writer, Failure& failure)
 {
-    Options o;
     try {
-        switch (ParseOptions(argc, argv, o)) {
-        case Request::Version:
-            std::printf("oku %s\n", OKU_VERSION);
-            return kExitOk;
-        case Request::Help:
-            std::printf("%s", HelpText(o.command).c_str());
-            return kExitOk;
-        case Request::Run:
-            break;
-        }
-        for (const std::string& warning : CheckParams(o.command, o.params))
-            PrintErr("oku: warning: " + warning);
-    } catch (const UsageError& e) {
-        std::fprintf(stderr, "oku: %s\n", e.what());
-        return kExitUsage;
+        if (run.options.Agc())
+            RunAgc(slot, run, writer);
+        else
+            RunVad(slot, run, writer);
+    } catch (const StdoutError& e) {
+        WriteStderr(std::string("oku: ") + e.what() + "\n");
+        failure.stdout = true;
+    } catch (const OutputError& e) {
+        WriteStderr("oku: " + slot.name + ": " + e.what() + "\n");
+        failure.input = true;
+    } catch (const std::exception& e) {
+        WriteStderr("oku: " + slot.name + ": " + e.what() + "\n");
+        failure.input = true;
     }
+}
 
-    if (o.format == Format::Csv)
-        PrintOut(CsvHeader(o.command), true);
-
+// Several inputs: processed in parallel, each into its own buffer, printed in input order.
+int RunMany(const Options& o, const Run& run)
+{
+    struct Job {
+        std::string output;
+        bool done = false;
+        Failure failure;
+    };
     const int count = static_cast<int>(o.inputs.size());
-    // One input is written as it is produced (live for standard input); several
-    // are processed in parallel and printed in input order.
-    if (count == 1) {
-        InputSlot slot{o.inputs[0], 0, 1, o.inputs[0] == "-"};
-        Writer writer(o.format, o.command, slot.name, nullptr, true);
-        return RunOne(slot, o, writer) ? kExitOk : kExitInputFailed;
-    }
-
     std::vector<Job> jobs(static_cast<std::size_t>(count));
     std::mutex lock;
     std::condition_variable finished;
+    std::atomic<bool> stop(false);
     int next = 0;
     auto worker = [&]() {
         for (;;) {
             int i;
             {
                 std::lock_guard<std::mutex> guard(lock);
-                if (next >= count)
+                if (next >= count || stop)
                     return;
                 i = next++;
             }
             Job& job = jobs[static_cast<std::size_t>(i)];
-            InputSlot slot{o.inputs[static_cast<std::size_t>(i)], i, count, false};
-            Writer writer(o.format, o.command, slot.name, &job.output, false);
-            writer.Text("== " + slot.name);
-            const bool ok = RunOne(slot, o, writer);
+            const InputSlot slot{o.inputs[static_cast<std::size_t>(i)], i, count, false};
+            Writer writer(o.format, o.Agc(), slot.name, [&job](const std::string& line) { job.output += line + "\n"; });
+            writer.Note("== " + slot.name);
+            Failure failure;
+            RunOne(slot, run, writer, failure);
             std::lock_guard<std::mutex> guard(lock);
-            job.failed = !ok;
+            job.failure = failure;
             job.done = true;
             finished.notify_all();
         }
@@ -105,13 +130,73 @@ int main(int argc, char** argv)
     int status = kExitOk;
     for (Job& job : jobs) {
         std::unique_lock<std::mutex> guard(lock);
-        finished.wait(guard, [&] { return job.done; });
+        finished.wait(guard, [&] { return job.done || stop; });
+        if (stop)
+            break;
         guard.unlock();
-        PrintOut(job.output, true);
-        if (job.failed)
+        if (job.failure.input)
             status = kExitInputFailed;
+        try {
+            WriteStdout(job.output);
+        } catch (const StdoutError& e) {
+            WriteStderr(std::string("oku: ") + e.what() + "\n");
+            job.failure.stdout = true;
+        }
+        if (job.failure.stdout) {
+            stop = true;
+            status = kExitInputFailed;
+            finished.notify_all();
+        }
     }
     for (std::thread& t : pool)
         t.join();
     return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    HoldStandardDescriptors();
+    Options o;
+    FilePlan plan;
+    try {
+        switch (ParseOptions(argc, argv, o)) {
+        case Request::Version:
+            WriteStdout(std::string("oku ") + oku_version() + "\n");
+            return kExitOk;
+        case Request::Help:
+            WriteStdout(HelpText(o.command));
+            return kExitOk;
+        case Request::Run:
+            break;
+        }
+        for (const std::string& warning : CheckParams(o.Agc(), o.params))
+            WriteStderr("oku: warning: " + warning + "\n");
+        PlanOutputs(o, plan);
+    } catch (const UsageError& e) {
+        WriteStderr(std::string("oku: ") + e.what() + "\n");
+        return kExitUsage;
+    } catch (const StdoutError& e) {
+        WriteStderr(std::string("oku: ") + e.what() + "\n");
+        return kExitInputFailed;
+    }
+
+    const Run run{o, plan};
+    try {
+        if (o.format == Format::Csv)
+            WriteStdout(CsvHeader(o.Agc()) + "\n");
+        if (o.inputs.size() > 1)
+            return RunMany(o, run);
+    } catch (const StdoutError& e) {
+        WriteStderr(std::string("oku: ") + e.what() + "\n");
+        return kExitInputFailed;
+    }
+    // A single input is printed as it is produced; a stream (standard input or
+    // raw input) also gets a record when speech starts.
+    const InputSlot slot{o.inputs[0], 0, 1, o.inputs[0] == "-" || o.raw};
+    Writer writer(o.format, o.Agc(), slot.name, [](const std::string& line) { WriteStdout(line + "\n"); });
+    Failure failure;
+    RunOne(slot, run, writer, failure);
+    return failure.input || failure.stdout ? kExitInputFailed : kExitOk;
 }

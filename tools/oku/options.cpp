@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "text.h"
+
 namespace okutool {
 
 namespace {
@@ -25,8 +27,8 @@ double ParseDouble(const std::string& option, const std::string& text, double mi
     char* end = nullptr;
     const double v = std::strtod(text.c_str(), &end);
     if (text.empty() || *end != '\0' || errno != 0 || !std::isfinite(v) || v <= min || v > max)
-        throw UsageError(option + ": expected a number above " + std::to_string(min) + " and at most " +
-                         std::to_string(max) + ", got '" + text + "'");
+        throw UsageError(option + ": expected a number above " + Num(min) + " and at most " + Num(max) +
+                         ", got '" + text + "'");
     return v;
 }
 
@@ -40,19 +42,22 @@ std::string HelpText(const std::string& command)
         "  --plot FILE.svg         draw the run (several inputs: FILE-1.svg, FILE-2.svg, ...)\n"
         "  --jobs N                process up to N files at once (default: one per core)\n"
         "  --chunk-ms MS           audio per library call in milliseconds (default 20)\n"
-        "  --raw --rate R          standard input ('-') is raw signed 16-bit little-endian PCM at R Hz\n"
+        "  --raw --rate R          inputs (files, FIFOs or '-') are raw signed 16-bit little-endian\n"
+        "                          PCM at R Hz, read as it arrives\n"
         "  --channels N            channels of raw input (default 1; mixed down to mono)\n"
         "  --no-progress           no progress bar on stderr\n"
         "  --help                  this text\n"
         "\nInputs are any files libsndfile reads (WAV, FLAC, Ogg, ...), or '-' for standard input.\n"
-        "Several channels are mixed down; rates other than 8000, 11025, 16000 and 22050 Hz are\n"
-        "resampled to the nearest of them. Exit status: 0 all inputs done, 1 an input failed\n"
-        "(the others are still processed), 2 a bad option or parameter string.\n";
+        "Several channels are mixed down; a rate the library does not take is resampled to the\n"
+        "nearest one it does. No output ever overwrites an input. Exit status: 0 all inputs done,\n"
+        "1 an input or an output failed (the other inputs are still processed), 2 a bad option,\n"
+        "output name or parameter string (nothing is processed).\n";
     if (command == "vad")
         return "usage: oku vad [options] FILE...\n"
                "Prints the speech segments of each input and a summary of its recording conditions.\n\n"
                "  --meter                 also print every volume reading\n"
-               "  --split DIR             write each speech segment to DIR as a WAV file at the input's rate\n" +
+               "  --split DIR             write each speech segment to DIR as its own WAV file, in the\n"
+               "                          input's rate, channels and sample format, as it closes\n" +
                common;
     if (command == "agc")
         return "usage: oku agc [options] FILE...\n"
@@ -100,6 +105,12 @@ Request ParseOptions(int argc, char** argv, Options& o)
                 throw UsageError(a + ": missing value");
             return args[++i];
         };
+        auto path = [&]() -> const std::string& {
+            const std::string& p = value();
+            if (p.empty())
+                throw UsageError(a + ": an empty file name");
+            return p;
+        };
         const bool vad = o.command == "vad";
         if (a == "--help" || a == "-h") {
             return Request::Help;
@@ -116,7 +127,7 @@ Request ParseOptions(int argc, char** argv, Options& o)
         } else if (a == "--params") {
             o.params = value();
         } else if (a == "--plot") {
-            o.plot = value();
+            o.plot = path();
         } else if (a == "--jobs") {
             o.jobs = static_cast<unsigned>(ParseLong(a, value(), 1, 1024));
         } else if (a == "--chunk-ms") {
@@ -124,15 +135,15 @@ Request ParseOptions(int argc, char** argv, Options& o)
         } else if (a == "--raw") {
             o.raw = true;
         } else if (a == "--rate") {
-            o.rawRate = ParseLong(a, value(), 1, 10000000);
+            o.rawFormat.rate = ParseLong(a, value(), kMinInputRate, kMaxInputRate);
         } else if (a == "--channels") {
-            o.rawChannels = static_cast<int>(ParseLong(a, value(), 1, 64));
+            o.rawFormat.channels = static_cast<int>(ParseLong(a, value(), 1, 64));
         } else if (a == "--no-progress") {
             o.progress = false;
         } else if (vad && a == "--meter") {
             o.meter = true;
         } else if (vad && a == "--split") {
-            o.splitDir = value();
+            o.splitDir = path();
         } else if (!vad && a == "--bound") {
             o.bound = ParseLong(a, value(), 1, 2147483647L);
         } else if (!vad && a == "--volume") {
@@ -140,9 +151,9 @@ Request ParseOptions(int argc, char** argv, Options& o)
         } else if (!vad && a == "--mic-gain") {
             o.micGain = ParseDouble(a, value(), 0.0, 1e6);
         } else if (!vad && a == "--log") {
-            o.logFile = value();
+            o.logFile = path();
         } else if (!vad && a == "--out") {
-            o.outFile = value();
+            o.outFile = path();
         } else {
             throw UsageError("unknown option '" + a + "' for 'oku " + o.command + "'; try 'oku " + o.command +
                              " --help'");
@@ -150,10 +161,10 @@ Request ParseOptions(int argc, char** argv, Options& o)
     }
     if (o.inputs.empty())
         throw UsageError("no input files; try 'oku " + o.command + " --help'");
-    if (o.raw && o.rawRate == 0)
+    if (o.raw && o.rawFormat.rate == 0)
         throw UsageError("--raw needs --rate R");
-    if (!o.raw && o.rawRate != 0)
-        throw UsageError("--rate applies to --raw input only");
+    if (!o.raw && (o.rawFormat.rate != 0 || o.rawFormat.channels != 1))
+        throw UsageError("--rate and --channels apply to --raw input only");
     int stdinInputs = 0;
     for (const std::string& in : o.inputs)
         stdinInputs += in == "-";

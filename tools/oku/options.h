@@ -6,12 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "input.h"
+#include "records.h"
+
 namespace okutool {
 
 // Exit statuses.
 enum ExitStatus { kExitOk = 0, kExitInputFailed = 1, kExitUsage = 2 };
-
-enum class Format { Text, Json, Csv };
 
 struct Options {
     std::string command;              // "vad" or "agc"
@@ -19,24 +20,25 @@ struct Options {
     Format format = Format::Text;
     std::string params;               // parameter string for the analyzer or gain control
     unsigned jobs = 0;                // 0: one per core
-    bool raw = false;                 // standard input is raw s16le PCM
-    long rawRate = 0;
-    int rawChannels = 1;
-    double chunkMs = 20.0;            // chunk fed to the library per call
+    bool raw = false;                 // inputs are raw s16le PCM in rawFormat
+    RawFormat rawFormat;
+    double chunkMs = 20.0;            // audio per library call
     bool progress = true;
-    std::string plot;                 // SVG file
+    std::string plot;                 // SVG file pattern; empty: none
     // vad
     bool meter = false;
-    std::string splitDir;
+    std::string splitDir;             // empty: none
     // agc
     long bound = 65535;
     long volume = -1;                 // -1: half the bound
     double micGain = 1.0;
-    std::string logFile;
-    std::string outFile;
+    std::string logFile;              // empty: none
+    std::string outFile;              // empty: none
+
+    bool Agc() const { return command == "agc"; }
 };
 
-// A usage error: printed as one line, exit status 2.
+// A usage error: printed as one line, exit status 2, nothing processed.
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

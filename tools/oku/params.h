@@ -7,11 +7,11 @@
 
 namespace okutool {
 
-// Checks the parameter string for `command` ("vad" or "agc"): its grammar, the
-// value of every key the service reads, and the settings the service rejects.
-// Throws UsageError naming the problem; returns warnings (unknown keys, keys
-// without effect) for stderr.
-std::vector<std::string> CheckParams(const std::string& command, const std::string& params);
+// Checks the parameter string for the analyzer (agc false) or the gain control
+// with the library: its grammar, the value of every key the service reads, and
+// the settings the service refuses. Throws UsageError naming the problem;
+// returns warnings (keys the service does not read) for standard error.
+std::vector<std::string> CheckParams(bool agc, const std::string& params);
 
 }  // namespace okutool
 

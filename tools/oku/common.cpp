@@ -1,0 +1,77 @@
+#include "common.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "oku.h"
+#include "progress.h"
+
+namespace okutool {
+
+void VadDeleter::operator()(oku_vad* v) const { oku_vad_destroy(v); }
+void AgcDeleter::operator()(oku_agc* a) const { oku_agc_destroy(a); }
+
+void Check(int status)
+{
+    if (status != OKU_OK)
+        throw InputError(oku_last_error());
+}
+
+int ProcessingRate(const Source& source) { return oku_nearest_rate(static_cast<double>(source.Rate())); }
+
+std::size_t ChunkSamples(double chunkMs, int rate)
+{
+    return std::max<std::size_t>(1, static_cast<std::size_t>(std::llround(chunkMs * rate / 1000.0)));
+}
+
+std::string BaseName(const std::string& input)
+{
+    if (input == "-")
+        return "stdin";
+    const std::string::size_type slash = input.rfind('/');
+    std::string base = input.substr(slash == std::string::npos ? 0 : slash + 1);
+    const std::string::size_type dot = base.rfind('.');
+    return dot == std::string::npos || dot == 0 ? base : base.substr(0, dot);
+}
+
+void NoteConversion(const std::string& name, const Source& source, int rate)
+{
+    if (source.Channels() > 1)
+        WriteStderr("oku: " + name + ": mixing " + std::to_string(source.Channels()) + " channels down to mono\n");
+    if (source.Rate() != rate)
+        WriteStderr("oku: " + name + ": resampling " + std::to_string(source.Rate()) + " Hz to " +
+                    std::to_string(rate) + " Hz\n");
+}
+
+void NoteNonFinite(const std::string& name, long long count)
+{
+    if (count > 0)
+        WriteStderr("oku: " + name + ": " + std::to_string(count) + " sample" + (count > 1 ? "s" : "") +
+                    " NaN or infinite, read as 0\n");
+}
+
+void Stream(Source& source, Converter& converter, std::size_t chunkSamples, bool progress, const std::string& name,
+            const std::function<void(const Block&)>& onBlock,
+            const std::function<void(const std::vector<short>&)>& onChunk)
+{
+    // Blocks no longer than a chunk (of original frames), so that live input
+    // is analysed as soon as a chunk of it has arrived.
+    const double ratio = static_cast<double>(source.Rate()) / ProcessingRate(source);
+    const std::size_t blockFrames =
+        std::min<std::size_t>(16384, std::max<std::size_t>(1, static_cast<std::size_t>(std::ceil(chunkSamples * ratio))));
+    Progress bar(name, source.Frames() > 60 * source.Rate() ? source.Frames() : 0, progress);
+    std::vector<short> chunk;
+    Block block;
+    while (source.Read(block, blockFrames)) {
+        onBlock(block);
+        converter.Push(block);
+        while (converter.Take(chunk, chunkSamples))
+            onChunk(chunk);
+        bar.Update(source.FramesRead());
+    }
+    converter.Finish();
+    while (converter.Take(chunk, chunkSamples))
+        onChunk(chunk);
+}
+
+}  // namespace okutool

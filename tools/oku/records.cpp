@@ -1,0 +1,223 @@
+#include "records.h"
+
+#include <algorithm>
+#include <iomanip>
+#include <sstream>
+#include <stdexcept>
+
+#include "oku.h"
+#include "text.h"
+
+namespace okutool {
+
+namespace {
+
+// The library's names of an enumeration, from 0 up to the first unknown value.
+std::vector<std::string> LibraryNames(const char* (*name)(int))
+{
+    std::vector<std::string> names;
+    for (int i = 0; name(i); ++i)
+        names.emplace_back(name(i));
+    return names;
+}
+
+std::vector<std::string> Join(std::vector<std::string> a, const std::vector<std::string>& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// The columns of a command: every field of its record types, in order of first use.
+std::vector<std::string> Columns(const std::vector<RecordType>& types)
+{
+    std::vector<std::string> columns = {"file", "type"};
+    for (RecordType t : types)
+        for (const std::string& f : Fields(t))
+            if (std::find(columns.begin(), columns.end(), f) == columns.end())
+                columns.push_back(f);
+    return columns;
+}
+
+const std::vector<std::string>& CsvColumns(bool agc)
+{
+    static const std::vector<std::string> vad =
+        Columns({RecordType::Segment, RecordType::Start, RecordType::Meter, RecordType::VadSummary});
+    static const std::vector<std::string> gain = Columns({RecordType::Decision, RecordType::AgcSummary});
+    return agc ? gain : vad;
+}
+
+// Text columns: wide enough for the field's name and for its longest value.
+int Width(const std::string& field, bool quoted)
+{
+    return static_cast<int>(std::max<std::size_t>(field.size(), quoted ? 15 : 8));
+}
+
+}  // namespace
+
+const char* TypeName(RecordType type)
+{
+    switch (type) {
+    case RecordType::Segment:
+        return "segment";
+    case RecordType::Start:
+        return "start";
+    case RecordType::Meter:
+        return "meter";
+    case RecordType::Decision:
+        return "decision";
+    case RecordType::VadSummary:
+    case RecordType::AgcSummary:
+        break;
+    }
+    return "summary";
+}
+
+const std::vector<std::string>& Fields(RecordType type)
+{
+    static const std::vector<std::string> segment = {"index",    "start_s",      "end_s",
+                                                     "duration_s", "start_sample", "end_sample"};
+    static const std::vector<std::string> start = {"index", "start_s", "start_sample"};
+    static const std::vector<std::string> meter = {"time_s", "peak", "dbfs", "snr_pct", "assessment", "speech"};
+    static const std::vector<std::string> vadSummary =
+        Join(Join({"rate", "original_rate", "duration_s", "segments", "speech_s", "readings"},
+                  LibraryNames(oku_assessment_name)),
+             {"peak", "peak_dbfs", "nonfinite_samples"});
+    static const std::vector<std::string> decision = {"time_s",  "volume_before", "volume_after",
+                                                      "control", "pause_db",      "speech_db"};
+    static const std::vector<std::string> agcSummary =
+        Join(Join({"rate", "original_rate", "duration_s", "decisions", "changes", "final_volume"},
+                  LibraryNames(oku_agc_control_name)),
+             {"nonfinite_samples"});
+    switch (type) {
+    case RecordType::Segment:
+        return segment;
+    case RecordType::Start:
+        return start;
+    case RecordType::Meter:
+        return meter;
+    case RecordType::VadSummary:
+        return vadSummary;
+    case RecordType::Decision:
+        return decision;
+    case RecordType::AgcSummary:
+        break;
+    }
+    return agcSummary;
+}
+
+Record::Record(RecordType type)
+    : _type(type), _values(Fields(type).size()), _quoted(Fields(type).size(), false)
+{
+}
+
+std::size_t Record::Index(const std::string& field) const
+{
+    const std::vector<std::string>& fields = Fields(_type);
+    const auto it = std::find(fields.begin(), fields.end(), field);
+    if (it == fields.end())
+        throw std::logic_error(std::string(TypeName(_type)) + " records have no field " + field);
+    return static_cast<std::size_t>(it - fields.begin());
+}
+
+Record& Record::Set(const std::string& field, double value, int decimals)
+{
+    _values[Index(field)] = Fixed(value, decimals);
+    return *this;
+}
+
+Record& Record::Set(const std::string& field, long long value)
+{
+    _values[Index(field)] = std::to_string(value);
+    return *this;
+}
+
+Record& Record::Set(const std::string& field, const std::string& value)
+{
+    const std::size_t i = Index(field);
+    _values[i] = value;
+    _quoted[i] = true;
+    return *this;
+}
+
+Record& Record::Set(const std::string& field, bool value)
+{
+    _values[Index(field)] = value ? "true" : "false";
+    return *this;
+}
+
+Writer::Writer(Format format, bool agc, const std::string& file, Emit emit)
+    : _format(format), _agc(agc), _file(file), _emit(std::move(emit))
+{
+}
+
+void Writer::Note(const std::string& line)
+{
+    if (_format == Format::Text)
+        _emit(line);
+}
+
+void Writer::Write(const Record& r)
+{
+    const std::vector<std::string>& fields = Fields(r.Type());
+    switch (_format) {
+    case Format::Text: {
+        const bool summary = r.Type() == RecordType::VadSummary || r.Type() == RecordType::AgcSummary;
+        std::ostringstream os;
+        if (!summary && (!_headed || r.Type() != _last)) {
+            os << std::left << std::setw(9) << "#";
+            for (std::size_t i = 0; i < fields.size(); ++i)
+                os << " " << std::right << std::setw(Width(fields[i], r.Quoted(i))) << fields[i];
+            _emit(os.str());
+            os.str("");
+        }
+        _headed = true;
+        _last = r.Type();
+        os << std::left << std::setw(9) << TypeName(r.Type());
+        for (std::size_t i = 0; i < fields.size(); ++i) {
+            if (summary)
+                os << " " << fields[i] << "=" << r.Value(i);
+            else
+                os << " " << std::right << std::setw(Width(fields[i], r.Quoted(i))) << r.Value(i);
+        }
+        _emit(os.str());
+        break;
+    }
+    case Format::Json: {
+        std::string line = "{\"file\":" + JsonString(_file) + ",\"type\":" + JsonString(TypeName(r.Type()));
+        for (std::size_t i = 0; i < fields.size(); ++i)
+            line += "," + JsonString(fields[i]) + ":" + (r.Quoted(i) ? JsonString(r.Value(i)) : r.Value(i));
+        _emit(line + "}");
+        break;
+    }
+    case Format::Csv: {
+        std::string line;
+        bool first = true;
+        for (const std::string& column : CsvColumns(_agc)) {
+            if (!first)
+                line += ",";
+            first = false;
+            if (column == "file") {
+                line += CsvField(_file);
+            } else if (column == "type") {
+                line += TypeName(r.Type());
+            } else {
+                const auto it = std::find(fields.begin(), fields.end(), column);
+                if (it != fields.end())
+                    line += CsvField(r.Value(static_cast<std::size_t>(it - fields.begin())));
+            }
+        }
+        _emit(line);
+        break;
+    }
+    }
+}
+
+std::string CsvHeader(bool agc)
+{
+    std::string line;
+    for (const std::string& c : CsvColumns(agc))
+        line += (line.empty() ? "" : ",") + c;
+    return line;
+}
+
+}  // namespace okutool
