@@ -50,27 +50,6 @@ void CheckBurstEnergies(const AudioData& signal, int s, int e, double rate = 160
 
 // ---- results -------------------------------------------------------------------
 
-TEST(AnalyzerResults, TypesAndAccessors)
-{
-    AnalyzerEvent event(1500.0, AnalyzerEvent::SpeechEnd);
-    AnalyzerVolumeMeter meter(AnalyzerVolumeMeter::TooSoft, -6.0, 16384.0, 42.0, 60.0, true);
-    AnalyzerAudioFrame frame(7, true, nullptr);
-    EXPECT_EQ(0, event.GetType());
-    EXPECT_EQ(1, frame.GetType());
-    EXPECT_EQ(2, meter.GetType());
-    EXPECT_EQ(AnalyzerEvent::SpeechEnd, event.GetTag());
-    EXPECT_EQ(1500.0, event.GetTimeMs());
-    EXPECT_EQ(AnalyzerVolumeMeter::TooSoft, meter.GetInfo());
-    EXPECT_EQ(-6.0, meter.GetVolumedBFS());
-    EXPECT_EQ(16384.0, meter.GetVolume());
-    EXPECT_EQ(42.0, meter.GetSNRVolumePct());
-    EXPECT_EQ(60.0, meter.GetTimeMs());
-    EXPECT_TRUE(meter.IsSpeechState());
-    EXPECT_TRUE(frame.GetData().empty());
-    EXPECT_EQ(7, frame.GetFrameIndex());
-    EXPECT_TRUE(frame.IsSpeechSegmentFrame());
-}
-
 TEST(AnalyzerResults, PercentagesMapTheFullRanges)
 {
     // dBFS from one quantisation step (-90.309) to full scale (0) onto 0..100;

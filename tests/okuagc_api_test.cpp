@@ -104,11 +104,13 @@ TEST_F(AgcApi, BadArgumentsAreRejectedWithoutConsumingAudio)
     EXPECT_EQ(-1, OKUAGC_GetInfo(&i.timeMs, nullptr, &i.speech, &i.type));
     EXPECT_EQ(-1, OKUAGC_GetInfo(&i.timeMs, &i.pause, nullptr, &i.type));
     EXPECT_EQ(-1, OKUAGC_GetInfo(&i.timeMs, &i.pause, &i.speech, nullptr));
-    // The largest bounds work: the volume comes back within 0 to the bound.
-    const long v = Compute(chunk, LONG_MAX / 2, LONG_MAX);
-    EXPECT_GE(v, 0);
-    EXPECT_LE(v, LONG_MAX);
-    EXPECT_EQ(LONG_MAX, Compute(chunk, LONG_MAX, LONG_MAX));  // silence at full volume stays at full volume
+    // The largest bounds work by the same rule. A call of one frame only
+    // collects audio and keeps the gain: the ratio (2^62 - 1) / (2^63 - 1) is
+    // 0.5 as a float, and 0.5 times the bound as a float (2^63) is 2^62, one
+    // above the volume given. Full volume stays full volume, held to the bound.
+    const std::vector<short> frame(320, 0);
+    EXPECT_EQ(LONG_MAX / 2 + 1, Compute(frame, LONG_MAX / 2, LONG_MAX));
+    EXPECT_EQ(LONG_MAX, Compute(frame, LONG_MAX, LONG_MAX));
 }
 
 TEST_F(AgcApi, VolumesRoundTripThroughAFloatRatio)

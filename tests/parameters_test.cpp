@@ -115,13 +115,3 @@ TEST(ParametersWrite, SetInsertsOrOverwritesAsPlainText)
     EXPECT_EQ("-3", q.at("Neg"));
     EXPECT_EQ(-3, q.Get<int>("Neg"));
 }
-
-TEST(ParametersWrite, CopiesAreIndependentValues)
-{
-    Parameters a("x=1");
-    Parameters b = a;
-    b.Set<int>("x", 2);
-    EXPECT_EQ(1, a.Get<int>("x"));
-    a = b;
-    EXPECT_EQ(2, a.Get<int>("x"));
-}

@@ -2,6 +2,8 @@
 boundaries so that the analyzer's timing rules give exact segment times."""
 import array
 import math
+import struct
+import sys
 import wave
 
 
@@ -27,7 +29,45 @@ def write_wav(path, rate, samples, channels=1):
         w.setnchannels(channels)
         w.setsampwidth(2)
         w.setframerate(rate)
-        w.writeframes(samples.tobytes())
+        w.writeframes(le_bytes(samples))
+
+
+def le_bytes(samples):
+    """16-bit samples as little-endian bytes, whatever the machine's order."""
+    if sys.byteorder == "little":
+        return samples.tobytes()
+    swapped = array.array("h", samples)
+    swapped.byteswap()
+    return swapped.tobytes()
+
+
+def write_float_wav(path, rate, values, channels=1):
+    """A 32-bit float WAV file (format 3) of the given sample values (NaN and infinities allowed)."""
+    data = struct.pack("<%df" % len(values), *values)
+    fmt = struct.pack("<HHIIHH", 3, channels, rate, rate * 4 * channels, 4 * channels, 32)
+    with open(path, "wb") as f:
+        f.write(b"RIFF" + struct.pack("<I", 4 + 8 + len(fmt) + 8 + len(data)) + b"WAVE")
+        f.write(b"fmt " + struct.pack("<I", len(fmt)) + fmt)
+        f.write(b"data" + struct.pack("<I", len(data)) + data)
+
+
+def read_float_wav(path):
+    """(rate, channels, values) of a 32-bit float WAV file, from its fmt and data chunks."""
+    with open(path, "rb") as f:
+        blob = f.read()
+    assert blob[:4] == b"RIFF" and blob[8:12] == b"WAVE", path
+    at, rate, channels, values = 12, None, None, None
+    while at + 8 <= len(blob):
+        kind, size = blob[at:at + 4], struct.unpack("<I", blob[at + 4:at + 8])[0]
+        body = blob[at + 8:at + 8 + size]
+        if kind == b"fmt ":
+            code, channels, rate = struct.unpack("<HHI", body[:8])
+            bits = struct.unpack("<H", body[14:16])[0]
+            assert bits == 32 and code in (3, 0xFFFE), (code, bits)
+        elif kind == b"data":
+            values = list(struct.unpack("<%df" % (size // 4), body))
+        at += 8 + size + (size & 1)
+    return rate, channels, values
 
 
 # Two bursts, and the segments the timing rules give for them: dated 7 frames

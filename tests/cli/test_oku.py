@@ -1,42 +1,76 @@
-"""End-to-end tests of the oku command on generated recordings.
+"""End-to-end tests of the oku command on recordings the tests generate.
 
 The recordings are tone bursts over noise, placed on 20 ms frame boundaries,
 so the analyzer's timing rules give the expected segments exactly: a segment is
 dated 7 frames (140 ms) before the first loud frame and ends 14 frames (280 ms)
 after the last one (the 21st quiet decision falls 21 frames after it and the
 end is dated 7 frames before that decision). See testaudio.py.
+
+Child processes are read through their raw pipe descriptors with os.read and
+our own line splitting, and every wait has a generous timeout: nothing here
+depends on how fast or idle the machine is.
 """
 import json
 import os
+import resource
 import select
 import shutil
+import stat
 import subprocess
 import sys
 import tempfile
+import threading
+import time
 import unittest
 import wave
 import xml.etree.ElementTree as ET
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-from testaudio import BURSTS, EXPECTED, signal, write_wav  # noqa: E402
+from testaudio import (BURSTS, EXPECTED, le_bytes, read_float_wav, signal, write_float_wav,  # noqa: E402
+                       write_wav)
 
 OKU = os.environ.get("OKU", "oku")
+TIMEOUT = 600
 
 
-def run(*args, stdin=None):
-    return subprocess.run([OKU, *args], input=stdin, capture_output=True, timeout=120)
+def run(*args, stdin=None, cwd=None, preexec=None, stdout=subprocess.PIPE):
+    return subprocess.run([OKU, *args], input=stdin, stdout=stdout, stderr=subprocess.PIPE, timeout=TIMEOUT,
+                          cwd=cwd, preexec_fn=preexec)
 
 
-def records(stdout, kind):
-    return [r for r in map(json.loads, stdout.decode().splitlines()) if r["type"] == kind]
+def records(stdout, kind=None):
+    rows = [json.loads(line) for line in stdout.decode("utf-8").splitlines()]
+    return [r for r in rows if kind is None or r["type"] == kind]
+
+
+class LineReader:
+    """Lines of a child's pipe, read with os.read on its descriptor (no second buffer)."""
+
+    def __init__(self, pipe):
+        self.fd, self.pending, self.lines = pipe.fileno(), b"", []
+
+    def next(self, timeout):
+        deadline = time.monotonic() + timeout
+        while not self.lines:
+            left = deadline - time.monotonic()
+            ready, _, _ = select.select([self.fd], [], [], max(0.0, left))
+            if not ready:
+                return None
+            chunk = os.read(self.fd, 65536)
+            if not chunk:
+                return None
+            *whole, self.pending = (self.pending + chunk).split(b"\n")
+            self.lines += whole
+        return self.lines.pop(0)
 
 
 class OkuTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.dir = tempfile.mkdtemp(prefix="oku-cli-")
+        cls.samples = signal(16000, BURSTS, 6.0)
         cls.wav = os.path.join(cls.dir, "bursts.wav")
-        write_wav(cls.wav, 16000, signal(16000, BURSTS, 6.0))
+        write_wav(cls.wav, 16000, cls.samples)
         cls.stereo = os.path.join(cls.dir, "bursts44.wav")
         write_wav(cls.stereo, 44100, signal(44100, BURSTS, 6.0, channels=2), channels=2)
 
@@ -44,8 +78,20 @@ class OkuTest(unittest.TestCase):
     def tearDownClass(cls):
         shutil.rmtree(cls.dir)
 
-    def path(self, name):
-        return os.path.join(self.dir, name)
+    def path(self, *names):
+        return os.path.join(self.dir, *names)
+
+    def fresh_dir(self, name):
+        d = self.path(name)
+        shutil.rmtree(d, ignore_errors=True)
+        os.mkdir(d)
+        return d
+
+    def expect(self, args, status, message, **kw):
+        p = run(*args, **kw)
+        self.assertEqual(status, p.returncode, p.stderr)
+        self.assertIn(message, p.stderr.decode("utf-8", "replace"))
+        return p
 
 
 class Segments(OkuTest):
@@ -59,32 +105,29 @@ class Segments(OkuTest):
             self.assertAlmostEqual(end, r["end_s"], places=3)
             self.assertEqual(round(start * 16000), r["start_sample"])
             self.assertEqual(round(end * 16000), r["end_sample"])
-            self.assertAlmostEqual(end - start, r["duration_s"], places=3)
         summary = records(p.stdout, "summary")[0]
         self.assertEqual(2, summary["segments"])
+        self.assertEqual(300, summary["readings"])  # one per 20 ms chunk of 6 s
         self.assertEqual(summary["readings"],
                          summary["ok"] + summary["too_noisy"] + summary["too_soft"] + summary["too_loud"])
-        self.assertEqual(300, summary["readings"])  # one per 20 ms chunk of 6 s
-        # Peak: tone 8000 plus noise of at most 100.
-        self.assertLessEqual(abs(summary["peak"] - 8000), 100)
+        self.assertLessEqual(abs(summary["peak"] - 8000), 100)  # tone 8000 plus noise of at most 100
+        self.assertEqual(0, summary["nonfinite_samples"])
 
     def test_text_and_csv_carry_the_same_segments(self):
         text = run("vad", self.wav).stdout.decode().splitlines()
-        rows = [l.split() for l in text if l.startswith("segment")]
+        rows = [line.split() for line in text if line.startswith("segment")]
         self.assertEqual([[str(i + 1), "%.3f" % s, "%.3f" % e] for i, (s, e) in enumerate(EXPECTED)],
                          [r[1:4] for r in rows])
-        self.assertTrue(any(l.startswith("summary") and "segments=2" in l for l in text))
+        self.assertTrue(any(line.startswith("summary") and "segments=2" in line for line in text))
         csv = run("vad", "--format", "csv", self.wav).stdout.decode().splitlines()
         header = csv[0].split(",")
-        segs = [dict(zip(header, l.split(","))) for l in csv[1:] if ",segment," in l]
+        segs = [dict(zip(header, line.split(","))) for line in csv[1:] if ",segment," in line]
         self.assertEqual(["%.3f" % s for s, _ in EXPECTED], [r["start_s"] for r in segs])
         self.assertEqual(["%.3f" % e for _, e in EXPECTED], [r["end_s"] for r in segs])
 
     def test_meter_prints_every_reading(self):
-        p = run("vad", "--meter", "--format", "json", self.wav)
-        meters = records(p.stdout, "meter")
+        meters = records(run("vad", "--meter", "--format", "json", self.wav).stdout, "meter")
         self.assertEqual(300, len(meters))
-        self.assertAlmostEqual(0.02, meters[0]["time_s"])
         # A reading after W measured frames is in speech from W = s + 4 (speech is
         # detected at frame s + 2, decided once frame s + 3 is measured) up to
         # W = e + 22 (the 21st quiet decision, frame e + 21, ends it).
@@ -106,75 +149,338 @@ class Segments(OkuTest):
             self.assertLessEqual(abs(end - r["end_s"]), 0.02)
             self.assertLessEqual(abs(r["start_s"] * 44100 - r["start_sample"]), 1)
 
-    def test_params_reach_the_analyzer(self):
-        # The bursts are 1 s apart: the default 420 ms timeout ends the first; 1000 ms merges them.
-        p = run("vad", "--format", "json", "--params", "EOSTimeoutMs=1200", self.wav)
-        segs = records(p.stdout, "segment")
-        self.assertEqual(1, len(segs))
-        self.assertAlmostEqual(0.86, segs[0]["start_s"], places=3)
+    def test_positions_of_a_resampled_input_stay_within_it(self):
+        # Speech up to the last sample: the segment closes at the end of the input,
+        # and its end position must be the input's last sample at most.
+        for rate in (44100, 48000, 12000):
+            path = self.path("to-the-end-%d.wav" % rate)
+            write_wav(path, rate, signal(rate, [(1.0, 3.0)], 3.0))
+            p = run("vad", "--format", "json", path)
+            seg = records(p.stdout, "segment")[-1]
+            summary = records(p.stdout, "summary")[0]
+            self.assertLessEqual(seg["end_sample"], 3 * rate, rate)
+            self.assertLessEqual(seg["end_s"], summary["duration_s"], rate)
+            self.assertAlmostEqual(3.0, summary["duration_s"], places=3)
 
-    def test_split_writes_one_file_per_segment(self):
-        out = self.path("split")
-        p = run("vad", "--split", out, self.stereo)
-        self.assertEqual(0, p.returncode, p.stderr)
-        files = sorted(os.listdir(out))
-        self.assertEqual(2, len(files))
-        segs = records(run("vad", "--format", "json", self.stereo).stdout, "segment")
-        for name, r in zip(files, segs):
-            self.assertTrue(name.startswith("bursts44-"), name)
-            self.assertIn("%.3fs" % r["start_s"], name)
-            with wave.open(os.path.join(out, name)) as w:
-                self.assertEqual(44100, w.getframerate())
-                self.assertEqual(2, w.getnchannels())
-                self.assertEqual(r["end_sample"] - r["start_sample"], w.getnframes())
+    def test_params_reach_the_analyzer_and_unknown_keys_are_warned_about(self):
+        # The bursts are 1 s apart: the default 420 ms timeout ends the first; 1200 ms merges them.
+        p = run("vad", "--format", "json", "--params", "EOSTimeoutMs=1200;EOSTimeOut=5", self.wav)
+        self.assertEqual(1, len(records(p.stdout, "segment")))
+        self.assertIn(b"warning: --params: EOSTimeOut is not a setting of oku vad", p.stderr)
 
     def test_parallel_jobs_keep_input_order(self):
         p = run("vad", "--format", "json", "--jobs", "2", self.stereo, self.wav, self.stereo)
-        files = [r["file"] for r in records(p.stdout, "summary")]
-        self.assertEqual([self.stereo, self.wav, self.stereo], files)
+        self.assertEqual([self.stereo, self.wav, self.stereo], [r["file"] for r in records(p.stdout, "summary")])
 
-    def test_plot_is_svg_with_one_band_per_segment(self):
+    def test_each_text_record_type_has_its_own_header(self):
+        p = run("vad", "--raw", "--rate", "16000", "-", stdin=le_bytes(self.samples))
+        lines = p.stdout.decode().splitlines()
+        kinds = [line.split()[0] for line in lines]
+        self.assertEqual(["#", "start", "#", "segment", "#", "start", "#", "segment", "summary"], kinds)
+        self.assertEqual(["index", "start_s", "start_sample"], lines[0].split()[1:])
+        self.assertEqual("end_s", lines[2].split()[3])
+
+
+class Streaming(OkuTest):
+    def test_raw_stdin_prints_the_start_before_the_input_ends(self):
+        raw = le_bytes(self.samples)
+        half = int(3.0 * 16000) * 2
+        proc = subprocess.Popen([OKU, "vad", "--raw", "--rate", "16000", "--format", "json", "-"],
+                                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        try:
+            proc.stdin.write(raw[:half])
+            proc.stdin.flush()
+            reader = LineReader(proc.stdout)
+            lines = []
+            while len(lines) < 2:  # the first start and the first segment lie in the first half
+                line = reader.next(TIMEOUT)
+                self.assertIsNotNone(line, "no output before the input ended: %r" % lines)
+                lines.append(json.loads(line))
+            self.assertEqual(["start", "segment"], [r["type"] for r in lines])
+            self.assertAlmostEqual(0.86, lines[0]["start_s"], places=3)
+            proc.stdin.write(raw[half:])
+            proc.stdin.close()
+            rest = []
+            while True:
+                line = reader.next(TIMEOUT)
+                if line is None:
+                    break
+                rest.append(json.loads(line))
+            self.assertEqual(["start", "segment", "summary"], [r["type"] for r in rest])
+            self.assertEqual(0, proc.wait(timeout=TIMEOUT))
+        finally:
+            if proc.poll() is None:
+                proc.kill()
+                proc.wait()
+            proc.stdout.close()
+
+    def test_raw_input_from_a_named_file_and_a_fifo(self):
+        raw = self.path("bursts.raw")
+        with open(raw, "wb") as f:
+            f.write(le_bytes(self.samples))
+        p = run("vad", "--format", "json", "--raw", "--rate", "16000", raw)
+        self.assertEqual(0, p.returncode, p.stderr)
+        self.assertEqual([0.86, 3.36], [r["start_s"] for r in records(p.stdout, "segment")])
+        fifo = self.path("bursts.fifo")
+        os.mkfifo(fifo)
+        proc = subprocess.Popen(["sh", "-c", 'cat "$1" > "$2"', "sh", raw, fifo])
+        try:
+            p = run("vad", "--format", "json", "--raw", "--rate", "16000", fifo)
+        finally:
+            proc.wait(timeout=TIMEOUT)
+            os.unlink(fifo)
+        self.assertEqual(0, p.returncode, p.stderr)
+        self.assertEqual([0.86, 3.36], [r["start_s"] for r in records(p.stdout, "segment")])
+
+    def test_wav_and_flac_on_stdin(self):
+        flac = self.path("bursts.flac")
+        subprocess.run(["sox", self.wav, flac], check=True, timeout=TIMEOUT)
+        for path in (self.wav, flac):
+            with open(path, "rb") as f:
+                data = f.read()
+            p = run("vad", "--format", "json", "-", stdin=data)
+            self.assertEqual(0, p.returncode, p.stderr)
+            self.assertEqual(len(EXPECTED), len(records(p.stdout, "segment")), path)
+
+
+class Split(OkuTest):
+    def test_segments_of_a_float_recording_are_its_own_samples(self):
+        # Float samples in [-0.5, 0.5): written as 16-bit shorts they would all be 0.
+        values = [s / 65536.0 for s in self.samples]
+        src = self.path("float.wav")
+        write_float_wav(src, 16000, values)
+        out = self.fresh_dir("split-float")
+        p = run("vad", "--format", "json", "--split", out, src)
+        self.assertEqual(0, p.returncode, p.stderr)
+        segs = records(p.stdout, "segment")
+        files = sorted(os.listdir(out))
+        self.assertEqual(["float-001-0.860s.wav", "float-002-3.360s.wav"], files)
+        for name, seg in zip(files, segs):
+            rate, channels, got = read_float_wav(os.path.join(out, name))
+            self.assertEqual((16000, 1), (rate, channels))
+            self.assertEqual(values[seg["start_sample"]:seg["end_sample"]], got)
+
+    def test_segments_of_a_stereo_44k_recording_keep_its_rate_channels_and_bytes(self):
+        out = self.fresh_dir("split-stereo")
+        p = run("vad", "--format", "json", "--split", out, self.stereo)
+        segs = records(p.stdout, "segment")
+        with wave.open(self.stereo) as w:
+            frames = w.readframes(w.getnframes())
+        for name, seg in zip(sorted(os.listdir(out)), segs):
+            with wave.open(os.path.join(out, name)) as w:
+                self.assertEqual((44100, 2, 2), (w.getframerate(), w.getnchannels(), w.getsampwidth()))
+                self.assertEqual(frames[seg["start_sample"] * 4:seg["end_sample"] * 4], w.readframes(w.getnframes()))
+
+    def test_inputs_with_one_name_in_two_folders_are_refused(self):
+        for d in ("a", "b"):
+            os.makedirs(self.path("twins", d), exist_ok=True)
+            shutil.copy(self.wav, self.path("twins", d, "x.wav"))
+        out = self.path("twins", "out")
+        self.expect(["vad", "--split", out, self.path("twins", "a", "x.wav"), self.path("twins", "b", "x.wav")], 2,
+                    "would both write x-NNN-")
+        self.assertFalse(os.path.exists(out))
+
+    def test_stdin_segments_are_written_as_they_close_with_bounded_memory(self):
+        # Three hours at 8 kHz of the bursts on repeat: every segment file exists,
+        # and memory does not grow with the stream.
+        block = le_bytes(signal(8000, BURSTS, 6.0))
+        out = self.fresh_dir("split-stdin")
+        repeats = 3 * 3600 // 6
+        args = ["vad", "--no-progress", "--format", "json", "--raw", "--rate", "8000", "--split", out, "-"]
+        proc = subprocess.Popen([OKU, *args], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                stderr=subprocess.DEVNULL)
+        try:
+            reader = LineReader(proc.stdout)
+            proc.stdin.write(block * 2)  # 12 s: the first segment closes within it
+            proc.stdin.flush()
+            first = None
+            while first is None or first.get("type") != "segment":
+                line = reader.next(TIMEOUT)
+                self.assertIsNotNone(line, "no segment before the input ended")
+                first = json.loads(line)
+            name = os.path.join(out, "stdin-001-0.860s.wav")
+            with wave.open(name) as w:  # complete before the input ended
+                self.assertEqual(first["end_sample"] - first["start_sample"], w.getnframes())
+            # The rest from a thread, while this one reads the records, so that
+            # neither side waits on a full pipe.
+            def rest():
+                for _ in range(repeats - 2):
+                    proc.stdin.write(block)
+                proc.stdin.close()
+
+            writer = threading.Thread(target=rest)
+            writer.start()
+            while reader.next(TIMEOUT) is not None:
+                pass
+            writer.join(TIMEOUT)
+            _, status, usage = os.wait4(proc.pid, 0)
+            self.assertEqual(0, os.waitstatus_to_exitcode(status))
+            self.assertEqual(2 * repeats, len(os.listdir(out)))
+            self.assertLess(usage.ru_maxrss, 64 * 1024)  # KiB; the stream is 172 MB
+        finally:
+            if proc.poll() is None:
+                proc.kill()
+                proc.wait()
+            proc.stdout.close()
+        shutil.rmtree(out)
+
+
+class Outputs(OkuTest):
+    def test_no_file_is_written_that_was_not_asked_for(self):
+        work = self.fresh_dir("quiet-cwd")
+        p = run("agc", "--no-progress", self.wav, self.stereo, cwd=work)
+        self.assertEqual(0, p.returncode, p.stderr)
+        p = run("vad", "--no-progress", "--meter", self.wav, self.stereo, cwd=work)
+        self.assertEqual(0, p.returncode, p.stderr)
+        self.assertEqual([], os.listdir(work))
+
+    def test_an_output_that_names_an_input_is_refused_before_anything_is_written(self):
+        victim = self.path("victim.wav")
+        shutil.copy(self.wav, victim)
+        link = self.path("victim-link.wav")
+        if os.path.lexists(link):
+            os.unlink(link)
+        os.symlink(victim, link)
+        hard = self.path("victim-hard.wav")
+        if os.path.exists(hard):
+            os.unlink(hard)
+        os.link(victim, hard)
+        with open(victim, "rb") as f:
+            before = f.read()
+        for option in ("--out", "--log", "--plot"):
+            for name in (victim, os.path.join(self.dir, ".", "victim.wav"), link, hard):
+                self.expect(["agc", option, name, victim], 2, "is the input")
+        self.expect(["vad", "--plot", link, victim], 2, "is the input")
+        self.expect(["agc", "--plot", self.path("same.x"), "--log", self.path("same.x"), victim], 2,
+                    "two outputs would write one file")
+        with open(victim, "rb") as f:
+            self.assertEqual(before, f.read())
+        self.assertFalse(os.path.exists(self.path("same.x")))
+
+    def test_empty_and_unusable_output_names_are_usage_errors(self):
+        for option in ("--out", "--log", "--plot"):
+            self.expect(["agc", option, "", self.wav], 2, option + ": an empty file name")
+        self.expect(["vad", "--split", "", self.wav], 2, "--split: an empty file name")
+        self.expect(["agc", "--out", self.path("no-such-dir", "x.wav"), self.wav], 2, "cannot be written")
+        self.expect(["agc", "--out", self.dir, self.wav], 2, "is a directory")
+        self.expect(["vad", "--split", self.wav, self.wav], 2, "is not a directory")
+
+    def test_a_failed_write_names_the_file_and_fails_the_input(self):
+        for args in (["agc", "--out", "/dev/full"], ["agc", "--log", "/dev/full"], ["agc", "--plot", "/dev/full"],
+                     ["vad", "--plot", "/dev/full"]):
+            p = self.expect(args + [self.wav], 1, "/dev/full: cannot write")
+            self.assertNotIn(b"summary", p.stdout)  # the input is not reported as done
+        with open("/dev/full", "wb") as full:
+            p = run("vad", self.wav, stdout=full)
+        self.assertEqual(1, p.returncode)
+        self.assertIn(b"standard output: No space left on device", p.stderr)
+        # Several inputs: standard output fails once and the run stops.
+        with open("/dev/full", "wb") as full:
+            p = run("vad", "--jobs", "1", self.wav, self.wav, self.wav, stdout=full)
+        self.assertEqual(1, p.returncode)
+        self.assertEqual(1, p.stderr.count(b"standard output"))
+
+    def test_a_full_disk_leaves_no_truncated_output(self):
+        disk = self.fresh_dir("small-disk")
+        mount = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", disk], capture_output=True,
+                               timeout=TIMEOUT)
+        if mount.returncode != 0:
+            self.skipTest("cannot mount a small file system here: %s" % mount.stderr.decode().strip())
+        try:
+            out = os.path.join(disk, "captured.wav")
+            p = self.expect(["agc", "--out", out, self.wav], 1, out + ": cannot write")
+            self.assertFalse(os.path.exists(out))
+            self.assertNotIn(b"summary", p.stdout)
+            seg = os.path.join(disk, "seg")
+            self.expect(["vad", "--split", seg, self.stereo], 1, "cannot write")
+            self.assertEqual([], os.listdir(seg))
+        finally:
+            subprocess.run(["umount", disk], timeout=TIMEOUT)
+
+    def test_closed_standard_streams_never_land_in_an_output_file(self):
+        log, out = self.path("closed.log"), self.path("closed.wav")
+        for fd in (1, 2):
+            p = run("agc", "--format", "json", "--log", log, "--out", out, self.wav,
+                    preexec=lambda fd=fd: os.close(fd))
+            if fd == 1:
+                self.assertEqual(1, p.returncode)
+                self.assertIn(b"standard output: Bad file descriptor", p.stderr)
+            else:
+                self.assertEqual(0, p.returncode)
+                with open(log) as f:
+                    lines = f.read().splitlines()
+                self.assertTrue(lines and all(not line.startswith("{") and "\t" in line for line in lines))
+                with wave.open(out) as w:
+                    self.assertEqual(6 * 16000, w.getnframes())
+
+    def test_plots_stay_small_and_memory_bounded_for_20_hours(self):
+        block = le_bytes(signal(8000, BURSTS, 6.0))
+        for command in ("vad", "agc"):
+            svg = self.path("long-%s.svg" % command)
+            status, err, rss = self._run_fed([command, "--no-progress", "--raw", "--rate", "8000", "--plot", svg,
+                                                 "-"], block, 20 * 3600 // 6)
+            self.assertEqual(0, status, err)
+            self.assertLess(os.path.getsize(svg), 2 * 1024 * 1024)
+            self.assertLess(rss, 64 * 1024)  # KiB
+            root = ET.parse(svg).getroot()
+            ns = "{http://www.w3.org/2000/svg}"
+            if command == "vad":  # 12000 segments drawn as at most one band per bucket run
+                bands = [e for e in root.iter(ns + "rect") if e.get("class") == "segment"]
+                self.assertTrue(0 < len(bands) <= 4096)
+
+    def _run_fed(self, args, block, repeats):
+        """Runs the command on `repeats` copies of block on standard input: (status, stderr, max RSS in KiB)."""
+        proc = subprocess.Popen([OKU, *args], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                stderr=subprocess.PIPE)
+        try:
+            for _ in range(repeats):
+                proc.stdin.write(block)
+            proc.stdin.close()
+            err = proc.stderr.read()
+            _, status, usage = os.wait4(proc.pid, 0)
+            return os.waitstatus_to_exitcode(status), err, usage.ru_maxrss
+        finally:
+            if proc.poll() is None:
+                proc.kill()
+                proc.wait()
+            proc.stderr.close()
+
+    def test_plot_shows_one_band_per_segment(self):
         svg = self.path("plot.svg")
         self.assertEqual(0, run("vad", "--plot", svg, self.wav).returncode)
         root = ET.parse(svg).getroot()
         ns = "{http://www.w3.org/2000/svg}"
         self.assertEqual(ns + "svg", root.tag)
-        bands = [e for e in root.iter(ns + "rect") if e.get("class") == "segment"]
-        self.assertEqual(2, len(bands))
-        self.assertEqual(300, len([e for e in root.iter(ns + "line") if e.get("class") == "meter"]))
+        self.assertEqual(2, len([e for e in root.iter(ns + "rect") if e.get("class") == "segment"]))
+        meters = [e for e in root.iter(ns + "path") if e.get("class") == "meter"]
+        self.assertEqual(["ok"], [e.get("data-assessment") for e in meters])
 
 
-class Streaming(OkuTest):
-    def test_raw_stdin_prints_the_start_before_the_input_ends(self):
-        raw = signal(16000, BURSTS, 6.0).tobytes()
-        half = int(3.0 * 16000) * 2
-        proc = subprocess.Popen([OKU, "vad", "--raw", "--rate", "16000", "--format", "json", "-"],
-                                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        try:
-            proc.stdin.write(raw[:half])
-            proc.stdin.flush()
-            lines = []
-            while len(lines) < 2:  # the first start and the first segment lie in the first half
-                ready, _, _ = select.select([proc.stdout], [], [], 10)
-                self.assertTrue(ready, "no output before the input ended: %r" % lines)
-                lines.append(json.loads(proc.stdout.readline()))
-            self.assertEqual(["start", "segment"], [r["type"] for r in lines])
-            self.assertAlmostEqual(0.86, lines[0]["start_s"], places=3)
-            proc.stdin.write(raw[half:])
-            proc.stdin.close()
-            rest = [json.loads(l) for l in proc.stdout.read().decode().splitlines()]
-            self.assertEqual(["start", "segment", "summary"], [r["type"] for r in rest])
-            self.assertEqual(0, proc.wait(timeout=30))
-        finally:
-            proc.kill()
-            proc.wait()
-            proc.stdout.close()
-            proc.stderr.close()
+class Samples(OkuTest):
+    def test_nan_and_infinite_samples_count_as_zero(self):
+        values = [s / 65536.0 for s in self.samples]
+        for i in range(100, 400):  # in the quiet first second
+            values[i] = float("nan") if i % 3 else float("inf") * (-1) ** i
+        src = self.path("nan.wav")
+        write_float_wav(src, 16000, values)
+        p = run("vad", "--format", "json", src)
+        self.assertEqual(0, p.returncode, p.stderr)
+        summary = records(p.stdout, "summary")[0]
+        self.assertEqual(300, summary["nonfinite_samples"])
+        self.assertIn(b"300 samples NaN or infinite, read as 0", p.stderr)
+        self.assertLess(summary["peak"], 5000)  # the tone at half scale, not full scale
+        self.assertEqual([0.86, 3.36], [r["start_s"] for r in records(p.stdout, "segment")])
 
-    def test_wav_on_stdin(self):
-        with open(self.wav, "rb") as f:
-            p = run("vad", "--format", "json", "-", stdin=f.read())
-        self.assertEqual(len(EXPECTED), len(records(p.stdout, "segment")))
+    def test_a_rejected_input_releases_what_it_opened(self):
+        bad = self.path("bad.wav")
+        with open(bad, "w") as f:
+            f.write("not audio\n")
+        limit = 48
+        p = run("vad", "--jobs", "1", "--format", "json", *([bad] * (3 * limit)), self.wav,
+                preexec=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit)))
+        self.assertEqual(1, p.returncode)
+        self.assertEqual([self.wav], [r["file"] for r in records(p.stdout, "summary")])
+        self.assertNotIn(b"Too many open files", p.stderr)
 
 
 class GainControl(OkuTest):
@@ -188,8 +494,8 @@ class GainControl(OkuTest):
         summary = records(p.stdout, "summary")[0]
         self.assertGreater(summary["final_volume"], 20000)
         self.assertEqual(summary["decisions"], len(decisions))
-        self.assertTrue(all(d["volume_after"] >= d["volume_before"] for d in decisions))
         self.assertEqual(50, len(decisions))  # one update per 120 ms of 6 s
+        self.assertTrue(all(d["volume_after"] >= d["volume_before"] for d in decisions))
         raised = [d for d in decisions if d["volume_after"] > d["volume_before"]]
         self.assertTrue(raised and all(d["control"] in ("pause_too_low", "speech_too_low", "operating_limit")
                                        for d in raised))
@@ -197,51 +503,65 @@ class GainControl(OkuTest):
             self.assertEqual(len(decisions), len(f.read().splitlines()))  # one log line per update
         with wave.open(out) as w:
             self.assertEqual(6 * 16000, w.getnframes())
-        ET.parse(svg)
+        circles = [e for e in ET.parse(svg).getroot().iter("{http://www.w3.org/2000/svg}circle")
+                   if e.get("class") == "decision"]
+        self.assertTrue(0 < len(circles) <= len(raised))
 
     def test_starting_volume_zero_asks_for_an_estimate(self):
-        p = run("agc", "--format", "json", "--volume", "0", self.wav)
-        first = records(p.stdout, "decision")[0]
+        first = records(run("agc", "--format", "json", "--volume", "0", self.wav).stdout, "decision")[0]
         self.assertEqual("gain_estimate", first["control"])
-        self.assertEqual(int(0.0316228 * 65535), first["volume_after"])
+        self.assertEqual(int(0.0316228 * 65535), first["volume_after"])  # sqrt(0.001) of the bound
 
 
-class BadInput(OkuTest):
-    def expect(self, args, status, message, stdin=None):
-        p = run(*args, stdin=stdin)
-        self.assertEqual(status, p.returncode, p.stderr)
-        err = p.stderr.decode()
-        self.assertIn(message, err)
-        return p
-
+class Messages(OkuTest):
     def test_input_problems_name_the_file_and_the_others_go_on(self):
-        empty, text = self.path("empty.wav"), self.path("text.wav")
+        empty, text, rate0 = self.path("empty.wav"), self.path("text.wav"), self.path("rate0.wav")
         open(empty, "wb").close()
         with open(text, "w") as f:
             f.write("not audio\n")
-        p = self.expect(["vad", "--format", "json", "missing.wav", empty, text, self.wav], 1,
+        with open(self.wav, "rb") as f:
+            header = bytearray(f.read())
+        header[24:28] = b"\0\0\0\0"  # the fmt chunk's rate
+        with open(rate0, "wb") as f:
+            f.write(header)
+        p = self.expect(["vad", "--format", "json", "missing.wav", empty, text, self.dir, rate0, self.wav], 1,
                         "oku: missing.wav: cannot open: No such file or directory")
         err = p.stderr.decode()
         self.assertIn("oku: %s: empty file" % empty, err)
         self.assertIn("oku: %s: not an audio file" % text, err)
+        self.assertIn("oku: %s: is a directory" % self.dir, err)
+        self.assertIn("oku: %s: the sampling rate in its header, 0 Hz, cannot be used" % rate0, err)
         self.assertEqual([self.wav], [r["file"] for r in records(p.stdout, "summary")])
-        self.assertEqual(3, len(err.splitlines()))
+        self.assertEqual(5, len(err.splitlines()))
+
+    def test_json_is_valid_utf8_whatever_the_file_name(self):
+        name = os.path.join(os.fsencode(self.dir), b"caf\xe9-\xff.wav")  # Latin-1 bytes, not UTF-8
+        shutil.copy(self.wav, name)
+        p = subprocess.run([os.fsencode(OKU), b"vad", b"--format", b"json", name], capture_output=True,
+                           timeout=TIMEOUT)
+        self.assertEqual(0, p.returncode, p.stderr)
+        rows = records(p.stdout)  # strict UTF-8 decoding
+        self.assertTrue(rows[0]["file"].endswith("caf\ufffd-\ufffd.wav"))
+        p = subprocess.run([os.fsencode(OKU), b"vad", b"--format", b"csv", name], capture_output=True, timeout=TIMEOUT)
+        p.stdout.decode("utf-8")
 
     def test_streams(self):
         self.expect(["vad", "--raw", "--rate", "16000", "-"], 1, "oku: -: no audio in it", stdin=b"")
-        self.expect(["vad", "--raw", "--rate", "100", "-"], 1, "cannot resample a sampling rate of 100 Hz",
-                    stdin=b"\0" * 1000)
-        self.expect(["vad", "-"], 1, "oku: -: no audio in it", stdin=b"")
+        self.expect(["vad", "--raw", "--rate", "16000", "-"], 1, "ends in the middle of a frame", stdin=b"\0\0\0")
+        self.expect(["vad", "-"], 1, "oku: -: empty file", stdin=b"")
 
     def test_bad_options_and_parameters_exit_with_two(self):
-        self.expect(["vad", "--jobs", "0", self.wav], 2, "--jobs: expected a whole number")
+        self.expect(["vad", "--jobs", "0", self.wav], 2, "--jobs: expected a whole number from 1 to 1024")
+        self.expect(["vad", "--chunk-ms", "0", self.wav], 2, "expected a number above 0 and at most 10000, got '0'")
         self.expect(["vad", "--format", "xml", self.wav], 2, "--format: expected text, json or csv")
         self.expect(["vad", "--raw", "-"], 2, "--raw needs --rate")
+        self.expect(["vad", "--raw", "--rate", "100", "-"], 2, "--rate: expected a whole number from 1000 to 768000")
         self.expect(["agc", "--volume", "70000", self.wav], 2, "--volume: 70000 is above the bound 65535")
         self.expect(["vad", "--bogus", self.wav], 2, "unknown option '--bogus'")
         self.expect(["vad"], 2, "no input files")
-        self.expect(["vad", "--params", "EOSTimeoutMs", self.wav], 2, "--params: malformed parameter string")
-        self.expect(["vad", "--params", "EOSTimeoutMs=soon", self.wav], 2, "--params: EOSTimeoutMs: 'soon' is not")
+        self.expect(["vad", "--params", "EOSTimeoutMs", self.wav], 2, "--params: Invalid format")
+        self.expect(["vad", "--params", "EOSTimeoutMs=soon", self.wav], 2,
+                    "--params: EOSTimeoutMs: 'soon' is not a whole number")
         self.expect(["agc", "--params", "LeastGain=0", self.wav], 2, "--params: LeastGain must lie in (0, 1]")
         self.expect(["vad", "--params", "HistogramWindowSizeMs=5", self.wav], 2, "HistogramWindowSizeMs")
 
@@ -249,6 +569,8 @@ class BadInput(OkuTest):
         self.assertIn(b"usage: oku vad", run("vad", "--help").stdout)
         self.assertIn(b"--mic-gain", run("agc", "--help").stdout)
         self.assertRegex(run("--version").stdout.decode(), r"^oku \d+\.\d+\.\d+\n$")
+        with open("/dev/full", "wb") as full:
+            self.assertEqual(1, run("--version", stdout=full).returncode)
 
 
 if __name__ == "__main__":
