@@ -101,14 +101,29 @@ class PlatformDistribution(Distribution):
         return True
 
 
-commands = {"build": Build, "build_library": BuildLibrary}
 if bdist_wheel is not None:
     class BdistWheel(bdist_wheel):
         def get_tag(self):
             # Only ctypes between Python and the library: any Python 3 of this platform.
             return ("py3", "none", super().get_tag()[2])
+else:
+    class BdistWheel(Command):
+        """Says what is missing, instead of setuptools' "invalid command 'bdist_wheel'"."""
 
-    commands["bdist_wheel"] = BdistWheel
+        user_options = []
+
+        def initialize_options(self):
+            pass
+
+        def finalize_options(self):
+            raise SystemExit("setup.py: this Python's setuptools cannot make wheels without the 'wheel' package "
+                             "(or setuptools 70.1 or later); install it for this interpreter, or use one that "
+                             "has it (on Debian, /usr/bin/python3 with python3-wheel)")
+
+        def run(self):
+            pass
+
+commands = {"build": Build, "build_library": BuildLibrary, "bdist_wheel": BdistWheel}
 
 # Out of the way of the CMake build folders (build/, build-clang/, ...); the
 # package metadata (oku.egg-info) goes there too, and must find it made.
