@@ -24,11 +24,13 @@ def as_samples(samples: object) -> Tuple[Optional[Samples], int]:
     if isinstance(samples, (bytes, bytearray)):
         if len(samples) % 2:
             raise ValueError("16-bit audio needs an even number of bytes, not %d" % len(samples))
-        data = array.array("h")
-        data.frombytes(samples)
-        if sys.byteorder != "little":
-            data.byteswap()
-        view = memoryview(data)
+        if sys.byteorder == "little":
+            view = memoryview(samples).cast("h")
+        else:
+            swapped = array.array("h")
+            swapped.frombytes(samples)
+            swapped.byteswap()
+            view = memoryview(swapped)
     elif isinstance(samples, (list, tuple)):
         try:
             view = memoryview(array.array("h", samples))
