@@ -17,7 +17,7 @@ import os
 import sys
 import wave
 import warnings
-from typing import IO, Any, Callable, Dict, List, Optional, Tuple
+from typing import IO, Any, Callable, Dict, Iterator, List, Optional, Tuple
 
 from . import (ASSESSMENTS, CONTROLS, RATES, Agc, SpeechEnd, SpeechStart, Vad, Volume, __version__,
                check_params, gain_from_volume, nearest_rate, settings, volume_from_gain)
@@ -47,7 +47,8 @@ def read_wav(path: str) -> Tuple[int, "array.array[int]"]:
     return rate, samples
 
 
-def chunks(samples: "array.array[int]", chunk_ms: float, rate: int):  # type: ignore[no-untyped-def]
+def chunks(samples: "array.array[int]", chunk_ms: float, rate: int) -> Iterator["array.array[int]"]:
+    """The samples in pieces of chunk_ms (at least one sample), as the oku command cuts them."""
     step = max(1, round(chunk_ms * rate / 1000.0))
     for k in range(0, len(samples), step):
         yield samples[k:k + step]

@@ -180,6 +180,8 @@ def load() -> Tuple[Any, str]:
 
 
 lib, LIBRARY_PATH = load()
+"""The library (a ctypes.CDLL) and where it was loaded from: a path, or for the
+system's library the name ctypes.util.find_library gave."""
 
 
 def check(status: int) -> None:

@@ -6,7 +6,6 @@ before the first loud frame and ends 14 frames after the last (testaudio.py).
 """
 import array
 import ctypes
-import math
 import os
 import tempfile
 import threading
@@ -224,21 +223,6 @@ class FactsTest(unittest.TestCase):
                 self.assertIn(problem, tried[-1])
         path, _ = _lib.candidate(folder, {"OKU_LIBRARY": oku.LIBRARY_PATH})
         self.assertEqual(os.path.abspath(oku.LIBRARY_PATH), path)
-
-
-class AgcTest(unittest.TestCase):
-    def test_silence_raises_six_decibels_per_update(self):
-        agc = oku.Agc(16000)
-        gain, d = agc.process(bytes(2 * 5 * 320), 0.01)  # 100 ms: still collecting
-        self.assertEqual((0.01, False), (round(gain, 6), d.updated))
-        gain, d = agc.process(bytes(2 * 320), 0.01)
-        self.assertEqual(("pause_too_low", True), (d.control, d.updated))
-        self.assertAlmostEqual(10 ** (6 / 20) * 0.01, gain, places=6)
-
-    def test_zero_gain_asks_for_an_estimate(self):
-        gain, d = oku.Agc(8000).process(b"", 0.0)
-        self.assertAlmostEqual(math.sqrt(0.001), gain, places=6)
-        self.assertEqual("gain_estimate", d.control)
 
 
 if __name__ == "__main__":
