@@ -3,6 +3,7 @@
 # Usage: scripts/setup.sh [extra-package ...]
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config valgrind python3 python3-numpy
+          python3-setuptools python3-wheel python3-pip
           libgtest-dev libsndfile1-dev libsoxr-dev "$@")
 missing=()
 for p in "${packages[@]}"; do

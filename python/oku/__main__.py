@@ -1,200 +1,197 @@
-"""python3 -m oku vad|agc [options] FILE.wav...: what the oku command prints.
+"""python -m oku vad|agc [options] FILE.wav...: the package from the command line.
 
-Reads 16-bit WAV files with the standard wave module (mono at 8000, 11025,
-16000 or 22050 Hz; the oku command also mixes down and resamples) and prints
-the same records in the same formats: speech segments and a summary (vad), or
-the gain decisions of a closed loop against a simulated microphone (agc).
+Reads 16-bit mono WAV files at a supported rate with the standard wave module
+and prints JSON Lines records, one object per line, with the record types and
+field names of the oku command: "segment" records and a "summary" per file
+(vad; "meter" records too with --meter), or the "decision" records of the gain
+control in a closed loop with a simulated microphone and a "summary" (agc).
+Every record starts with "file" and "type". Exit status: 0 when every file was
+processed, 1 when one could not be (stderr names it; the others are still
+processed), 2 for a bad option or parameter string.
 """
 import argparse
 import array
-import ctypes
 import json
 import math
+import os
 import sys
 import wave
+import warnings
+from typing import IO, Any, Callable, Dict, Iterator, List, Optional, Tuple
 
-from . import ASSESSMENTS, CONTROLS, RATES, Agc, SpeechEnd, SpeechStart, Vad, Volume
+from . import (ASSESSMENTS, CONTROLS, RATES, Agc, SpeechEnd, SpeechStart, Vad, Volume, __version__,
+               check_params, gain_from_volume, nearest_rate, settings, volume_from_gain)
+from ._facts import _SERVICE_NAMES, params_entries
 
-VAD_CSV = ["file", "type", "index", "start_s", "end_s", "duration_s", "start_sample", "end_sample", "time_s", "peak",
-           "dbfs", "snr_pct", "assessment", "speech", "rate", "original_rate", "segments", "speech_s", "readings",
-           "ok", "too_noisy", "too_soft", "too_loud", "peak_dbfs"]
-AGC_CSV = ["file", "type", "time_s", "volume_before", "volume_after", "control", "pause_db", "speech_db", "rate",
-           "original_rate", "duration_s", "decisions", "changes", "final_volume", "unchanged", "pause_too_low",
-           "speech_too_low", "speech_too_high", "operating_limit", "gain_estimate"]
-
-
-class Writer:
-    """Records as the oku command writes them: fields are (name, text, is_string)."""
-
-    def __init__(self, fmt, command, name, out):
-        self.fmt, self.command, self.name, self.out = fmt, command, name, out
-        self.headed = set()
-
-    def write(self, kind, fields):
-        if self.fmt == "json":
-            parts = ['"file":' + json.dumps(self.name), '"type":' + json.dumps(kind)]
-            parts += [json.dumps(n) + ":" + (json.dumps(t) if q else t) for n, t, q in fields]
-            self.out.write("{" + ",".join(parts) + "}\n")
-        elif self.fmt == "csv":
-            values = {n: t for n, t, _ in fields}
-            values.update(file=self.name, type=kind)
-            self.out.write(",".join(_csv(values.get(c, "")) for c in (VAD_CSV if self.command == "vad" else AGC_CSV))
-                           + "\n")
-        else:
-            if kind != "summary" and kind not in self.headed:
-                self.headed.add(kind)
-                self.out.write("#".ljust(9) + "".join(" " + n.rjust(_width(n, q)) for n, _, q in fields) + "\n")
-            if kind == "summary":
-                self.out.write(kind.ljust(9) + "".join(" %s=%s" % (n, t) for n, t, _ in fields) + "\n")
-            else:
-                self.out.write(kind.ljust(9) + "".join(" " + t.rjust(_width(n, q)) for n, t, q in fields) + "\n")
-        self.out.flush()
-
-    def text(self, line):
-        if self.fmt == "text":
-            self.out.write(line + "\n")
+PROG = "python -m oku"
+Emit = Callable[..., None]
 
 
-def _width(name, quoted):
-    return max(len(name), 15 if quoted else 8)
-
-
-def _csv(s):
-    return '"' + s.replace('"', '""') + '"' if any(c in s for c in ',"\n\r') else s
-
-
-def f(name, value, decimals):
-    return (name, "%.*f" % (decimals, value), False)
-
-
-def i(name, value):
-    return (name, str(int(value)), False)
-
-
-def s(name, value):
-    return (name, value, True)
-
-
-def b(name, value):
-    return (name, "true" if value else "false", False)
-
-
-def read_wav(path):
+def read_wav(path: str) -> Tuple[int, "array.array[int]"]:
+    """The rate and samples of a mono 16-bit WAV file at a supported rate."""
     with wave.open(path, "rb") as w:
-        if w.getsampwidth() != 2 or w.getnchannels() != 1:
-            raise ValueError("only mono 16-bit WAV here (the oku command reads any format)")
-        if w.getframerate() not in RATES:
-            raise ValueError("sampling rate %d Hz is not supported here (the oku command resamples)"
-                             % w.getframerate())
+        if w.getsampwidth() != 2:
+            raise ValueError("%d-bit samples; 16-bit samples are needed" % (8 * w.getsampwidth()))
+        if w.getnchannels() != 1:
+            raise ValueError("%d channels; mix them down to mono first (the oku command does)" % w.getnchannels())
+        rate = w.getframerate()
+        if rate not in RATES:
+            raise ValueError("%d Hz is not a supported rate; resample to %d Hz first (the oku command does)"
+                             % (rate, nearest_rate(rate)))
         samples = array.array("h")
         samples.frombytes(w.readframes(w.getnframes()))
-        if sys.byteorder != "little":
-            samples.byteswap()
-        if not samples:
-            raise ValueError("no audio in it (empty)")
-        return w.getframerate(), samples
+    if sys.byteorder != "little":
+        samples.byteswap()
+    if not samples:
+        raise ValueError("no audio in it (empty)")
+    return rate, samples
 
 
-def run_vad(path, args, w):
+def chunks(samples: "array.array[int]", chunk_ms: float, rate: int) -> Iterator["array.array[int]"]:
+    """The samples in pieces of chunk_ms (at least one sample), as the oku command cuts them."""
+    step = max(1, round(chunk_ms * rate / 1000.0))
+    for k in range(0, len(samples), step):
+        yield samples[k:k + step]
+
+
+def run_vad(path: str, args: argparse.Namespace, emit: Emit) -> None:
     rate, samples = read_wav(path)
-    vad = Vad(rate, args.params)
-    step = max(1, int(round(args.chunk_ms * rate / 1000.0)))
-    segments, start, speech_s, readings, peak = 0, None, 0.0, [0, 0, 0, 0], 0
+    readings = {name: 0 for name in ASSESSMENTS}
+    segments: List[Tuple[float, float]] = []  # in ms, for exact differences
+    peak = 0
+    start: Optional[SpeechStart] = None
 
-    def handle(results):
-        nonlocal segments, start, speech_s, peak
+    def handle(results: List[Any]) -> None:
+        nonlocal start, peak
         for r in results:
             if isinstance(r, SpeechStart):
-                start = r.time_ms / 1000.0
-            elif isinstance(r, SpeechEnd):
-                segments += 1
-                t = r.time_ms / 1000.0
-                speech_s += t - start
-                w.write("segment", [i("index", segments), f("start_s", start, 3), f("end_s", t, 3),
-                                    f("duration_s", t - start, 3), i("start_sample", round(start * rate)),
-                                    i("end_sample", round(t * rate))])
+                start = r
+            elif isinstance(r, SpeechEnd) and start is not None:
+                segments.append((start.time_ms, r.time_ms))
+                emit("segment", index=len(segments), start_s=start.time_ms / 1000.0, end_s=r.time_ms / 1000.0,
+                     duration_s=(r.time_ms - start.time_ms) / 1000.0, start_sample=start.position,
+                     end_sample=r.position)
             elif isinstance(r, Volume):
-                readings[ASSESSMENTS.index(r.assessment)] += 1
+                readings[r.assessment] += 1
                 peak = max(peak, r.peak)
                 if args.meter:
-                    w.write("meter", [f("time_s", r.time_ms / 1000.0, 3), i("peak", r.peak), f("dbfs", r.level_dbfs, 1),
-                                      f("snr_pct", r.snr_pct, 1), s("assessment", r.assessment),
-                                      b("speech", r.speech)])
+                    emit("meter", time_s=r.time_ms / 1000.0, peak=r.peak, dbfs=r.level_dbfs, snr_pct=r.snr_pct,
+                         assessment=r.assessment, speech=r.speech)
 
-    for k in range(0, len(samples), step):
-        handle(vad.process(samples[k:k + step]))
-    handle(vad.flush())
-    w.write("summary", [i("rate", rate), i("original_rate", rate), f("duration_s", len(samples) / rate, 3),
-                        i("segments", segments), f("speech_s", speech_s, 3), i("readings", sum(readings)),
-                        i("ok", readings[0]), i("too_noisy", readings[1]), i("too_soft", readings[2]),
-                        i("too_loud", readings[3]), i("peak", peak),
-                        f("peak_dbfs", 20.0 * math.log10(max(peak, 1.0) / 32768.0), 1)])
+    with Vad(rate, args.params) as vad:
+        for chunk in chunks(samples, args.chunk_ms, rate):
+            handle(vad.process(chunk))
+        handle(vad.flush())
+    emit("summary", rate=rate, original_rate=rate, duration_s=len(samples) / rate, segments=len(segments),
+         speech_s=sum(end - begin for begin, end in segments) / 1000.0, readings=sum(readings.values()), **readings,
+         peak=peak, peak_dbfs=20.0 * math.log10(max(peak, 1) / 32768.0))
 
 
-def _float32(x):
-    return ctypes.c_float(x).value
-
-
-def run_agc(path, args, w):
+def run_agc(path: str, args: argparse.Namespace, emit: Emit) -> None:
+    """The gain control against a simulated microphone: each chunk is the
+    recording times --mic-gain times volume / --bound, clipped to 16 bits. The
+    proposed volume applies from the next chunk; like a careful host, the
+    volume is left alone when the proposed gain equals the gain given."""
     rate, samples = read_wav(path)
-    agc = Agc(rate, args.params)
-    step = max(1, int(round(args.chunk_ms * rate / 1000.0)))
     bound, volume = args.bound, args.volume
-    counts, changes = [0] * 6, 0
-    for k in range(0, len(samples), step):
-        chunk = samples[k:k + step]
-        factor = args.mic_gain * volume / bound
-        captured = array.array("h", (max(-32768, min(32767, round(x * factor))) for x in chunk))
-        gain = _float32(volume / bound)
-        new_gain, d = agc.process(captured, gain)
-        before = volume
-        if new_gain != gain:  # a careful host leaves the volume alone otherwise
-            product = new_gain * _float32(bound)
-            volume = bound if product >= _float32(bound) else int(product)
-        if d.updated:
-            counts[CONTROLS.index(d.control)] += 1
-            changes += volume != before
-            w.write("decision", [f("time_s", d.time_ms / 1000.0, 3), i("volume_before", before),
-                                 i("volume_after", volume), s("control", d.control), f("pause_db", d.pause_db, 2),
-                                 f("speech_db", d.speech_db, 2)])
-    w.write("summary", [i("rate", rate), i("original_rate", rate), f("duration_s", len(samples) / rate, 3),
-                        i("decisions", sum(counts)), i("changes", changes), i("final_volume", volume)]
-            + [i(c, n) for c, n in zip(CONTROLS, counts)])
+    counts = {name: 0 for name in CONTROLS}
+    changes = 0
+    with Agc(rate, args.params) as agc:
+        for chunk in chunks(samples, args.chunk_ms, rate):
+            factor = args.mic_gain * volume / bound
+            captured = array.array("h", (max(-32768, min(32767, round(x * factor))) for x in chunk))
+            gain = gain_from_volume(volume, bound)
+            new_gain, d = agc.process(captured, gain)
+            before = volume
+            if new_gain != gain:
+                volume = volume_from_gain(new_gain, bound)
+            if d.updated:
+                counts[d.control] += 1
+                changes += volume != before
+                emit("decision", time_s=d.time_ms / 1000.0, volume_before=before, volume_after=volume,
+                     control=d.control, pause_db=d.pause_db, speech_db=d.speech_db)
+    emit("summary", rate=rate, original_rate=rate, duration_s=len(samples) / rate, decisions=sum(counts.values()),
+         changes=changes, final_volume=volume, **counts)
 
 
-def main(argv=None):
-    p = argparse.ArgumentParser(prog="python3 -m oku", description=__doc__.split("\n\n")[1])
-    p.add_argument("command", choices=["vad", "agc"])
-    p.add_argument("files", nargs="+", metavar="FILE.wav")
-    p.add_argument("--format", choices=["text", "json", "csv"], default="text")
-    p.add_argument("--params", default="")
-    p.add_argument("--chunk-ms", type=float, default=20.0)
-    p.add_argument("--meter", action="store_true", help="vad: also print every volume reading")
-    p.add_argument("--bound", type=int, default=65535, help="agc: largest volume (default 65535)")
-    p.add_argument("--volume", type=int, default=None, help="agc: starting volume (default half the bound)")
-    p.add_argument("--mic-gain", type=float, default=1.0, help="agc: microphone gain at full volume")
-    args = p.parse_args(argv)
-    if args.volume is None:
-        args.volume = args.bound // 2
-    try:  # a bad parameter string stops everything, as in the oku command
-        (Vad if args.command == "vad" else Agc)(16000, args.params)
+def _above_zero(text: str) -> float:
+    value = float(text)
+    if not (math.isfinite(value) and value > 0):
+        raise argparse.ArgumentTypeError("must be above 0")
+    return value
+
+
+def _not_negative(text: str) -> float:
+    value = float(text)
+    if not (math.isfinite(value) and value >= 0):
+        raise argparse.ArgumentTypeError("must be 0 or more")
+    return value
+
+
+def parser() -> argparse.ArgumentParser:
+    common = argparse.ArgumentParser(add_help=False)
+    common.add_argument("files", nargs="+", metavar="FILE.wav", help="16-bit mono WAV files at a supported rate")
+    common.add_argument("--params", default=None, help='parameter string, "Key=Value;..."')
+    common.add_argument("--chunk-ms", type=_above_zero, default=20.0, help="audio per library call (default 20)")
+    p = argparse.ArgumentParser(prog=PROG, description="Speech segments (vad) or gain decisions (agc) of 16-bit "
+                                "mono WAV files, printed as JSON Lines records.")
+    p.add_argument("--version", action="version", version=__version__)
+    commands = p.add_subparsers(dest="command", metavar="vad|agc", required=True)
+    vad = commands.add_parser("vad", parents=[common], help="speech segments and volume readings")
+    vad.add_argument("--meter", action="store_true", help="also print every volume reading")
+    agc = commands.add_parser("agc", parents=[common], help="gain decisions against a simulated microphone")
+    agc.add_argument("--bound", type=int, default=65535, help="volume of full gain (default 65535)")
+    agc.add_argument("--volume", type=int, default=None, help="starting volume (default half the bound)")
+    agc.add_argument("--mic-gain", type=_not_negative, default=1.0, help="microphone gain at full volume (default 1)")
+    return p
+
+
+def main(argv: Optional[List[str]] = None, out: IO[str] = sys.stdout, err: IO[str] = sys.stderr) -> int:
+    """Runs the command; returns its exit status."""
+    args = parser().parse_args(argv)
+    try:
+        check_params(args.command, args.params)
+        unknown = [key for key, _ in params_entries(args.params)
+                   if key not in {s.key for s in settings(args.command)}]
     except ValueError as e:
-        print("python3 -m oku: --params: %s" % e, file=sys.stderr)
+        print("%s: --params: %s" % (PROG, e), file=err)
         return 2
-    if args.format == "csv":
-        sys.stdout.write(",".join(VAD_CSV if args.command == "vad" else AGC_CSV) + "\n")
+    if args.command == "agc":
+        if args.volume is None:
+            args.volume = args.bound // 2
+        try:
+            gain_from_volume(args.volume, args.bound)  # refuses what it cannot convert
+        except ValueError as e:
+            print("%s: --bound %d, --volume %d: %s" % (PROG, args.bound, args.volume, e), file=err)
+            return 2
+    for key in unknown:
+        print("%s: --params: %r is not a setting of %s; it is ignored" % (PROG, key, _SERVICE_NAMES[args.command]),
+              file=err)
+
     status = 0
     for path in args.files:
-        w = Writer(args.format, args.command, path, sys.stdout)
-        if len(args.files) > 1:
-            w.text("== " + path)
+        def emit(kind: str, **fields: Any) -> None:
+            record: Dict[str, Any] = {"file": path, "type": kind}
+            record.update(fields)
+            out.write(json.dumps(record, separators=(",", ":"), allow_nan=False) + "\n")
+
         try:
-            (run_vad if args.command == "vad" else run_agc)(path, args, w)
+            with warnings.catch_warnings():
+                warnings.simplefilter("ignore")  # unknown keys were reported once above
+                (run_vad if args.command == "vad" else run_agc)(path, args, emit)
+        except BrokenPipeError:
+            raise
         except (ValueError, OSError, EOFError, wave.Error) as e:
-            print("python3 -m oku: %s: %s" % (path, e), file=sys.stderr)
+            print("%s: %s: %s" % (PROG, path, e), file=err)
             status = 1
+        out.flush()
     return status
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        exit_status = main()
+    except BrokenPipeError:  # the reader went away (| head): stop without a traceback
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        exit_status = 1
+    sys.exit(exit_status)

@@ -1,13 +1,38 @@
-"""ctypes bindings of the library's handle functions (oku.h)."""
+"""Finding and loading libOKUVAD, and the ctypes view of its C interface (oku.h).
+
+The library is looked for in this order, and the first place that has one is
+the one used (a library that fails to load or to match is an error, not a
+reason to take the next one):
+
+1. the copy inside the package, put there when the package was built;
+2. the file named by the environment variable OKU_LIBRARY (a file, not a
+   folder: for a build tree, OKU_LIBRARY=build/libOKUVAD.so);
+3. the system's, as ctypes.util.find_library("OKUVAD") finds it.
+
+Nowhere else. Once loaded, the library must report the version the package
+was built for (when the package was built; a source tree takes the library's)
+and the same size for every structure mirrored here.
+"""
 import ctypes
 import ctypes.util
 import os
+from typing import Any, Dict, List, Optional, Tuple
+
+try:
+    from . import _built  # written by the build: the library's file name and version
+except ImportError:  # the package as it is in the source tree
+    _built = None  # type: ignore[assignment]
 
 ENV_VAR = "OKU_LIBRARY"
-_NAMES = ("libOKUVAD.so.1", "libOKUVAD.so")
+
+
+class OkuError(RuntimeError):
+    """A failure inside the library that is not the caller's (out of memory, or worse)."""
 
 
 class VadResult(ctypes.Structure):
+    """oku_vad_result."""
+
     _fields_ = [
         ("type", ctypes.c_int32),
         ("speech", ctypes.c_int32),
@@ -25,6 +50,8 @@ class VadResult(ctypes.Structure):
 
 
 class AgcDecision(ctypes.Structure):
+    """oku_agc_decision."""
+
     _fields_ = [
         ("control", ctypes.c_int32),
         ("updated", ctypes.c_int32),
@@ -34,62 +61,137 @@ class AgcDecision(ctypes.Structure):
     ]
 
 
+class SettingEntry(ctypes.Structure):
+    """oku_setting."""
+
+    _fields_ = [
+        ("key", ctypes.c_char_p),
+        ("name", ctypes.c_char_p),
+        ("unit", ctypes.c_char_p),
+        ("meaning", ctypes.c_char_p),
+        ("type", ctypes.c_int32),
+        ("reserved", ctypes.c_int32),
+        ("default_value", ctypes.c_double),
+    ]
+
+
+# The structures mirrored here, by their C names (see oku_struct_size).
+STRUCTURES = {"oku_vad_result": VadResult, "oku_agc_decision": AgcDecision, "oku_setting": SettingEntry}
+
 LOG_FN = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_char_p)
+PARAMS_FN = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_char_p, ctypes.c_char_p)
+
+_c_int, _c_double, _c_size_t, _c_char_p = ctypes.c_int, ctypes.c_double, ctypes.c_size_t, ctypes.c_char_p
+_handle = ctypes.c_void_p
+_samples = ctypes.POINTER(ctypes.c_int16)
+_size_p = ctypes.POINTER(ctypes.c_size_t)
+SIGNATURES: Dict[str, Tuple[Any, List[Any]]] = {
+    "oku_status_message": (_c_char_p, [_c_int]),
+    "oku_last_error": (_c_char_p, []),
+    "oku_version": (_c_char_p, []),
+    "oku_struct_size": (_c_size_t, [_c_char_p]),
+    "oku_rates": (ctypes.POINTER(_c_int), [_size_p]),
+    "oku_nearest_rate": (_c_int, [_c_double]),
+    "oku_vad_result_name": (_c_char_p, [_c_int]),
+    "oku_assessment_name": (_c_char_p, [_c_int]),
+    "oku_agc_control_name": (_c_char_p, [_c_int]),
+    "oku_gain_from_volume": (_c_int, [ctypes.c_long, ctypes.c_long, ctypes.POINTER(_c_double)]),
+    "oku_volume_from_gain": (_c_int, [_c_double, ctypes.c_long, ctypes.POINTER(ctypes.c_long)]),
+    "oku_settings": (ctypes.POINTER(SettingEntry), [_c_int, _size_p]),
+    "oku_params_check": (_c_int, [_c_int, _c_char_p]),
+    "oku_params_entries": (_c_int, [_c_char_p, PARAMS_FN, ctypes.c_void_p]),
+    "oku_vad_create_ex": (_c_int, [_c_double, _c_char_p, ctypes.c_uint, ctypes.POINTER(_handle)]),
+    "oku_vad_process": (_c_int, [_handle, _samples, _c_size_t]),
+    "oku_vad_results": (_c_int, [_handle, ctypes.POINTER(VadResult), _c_size_t, _size_p]),
+    "oku_vad_flush": (_c_int, [_handle]),
+    "oku_vad_reset": (_c_int, [_handle]),
+    "oku_vad_destroy": (_c_int, [_handle]),
+    "oku_agc_create": (_c_int, [_c_int, _c_char_p, ctypes.POINTER(_handle)]),
+    "oku_agc_process": (_c_int, [_handle, _samples, _c_size_t, _c_double, ctypes.POINTER(_c_double)]),
+    "oku_agc_info": (_c_int, [_handle, ctypes.POINTER(AgcDecision)]),
+    "oku_agc_set_log": (_c_int, [_handle, LOG_FN, ctypes.c_void_p]),
+    "oku_agc_destroy": (_c_int, [_handle]),
+}
 
 
-def _candidates():
-    """Where the library may be: $OKU_LIBRARY, next to the package (or a few
-    folders up, as after `cmake --install`), then the system's search path."""
-    env = os.environ.get(ENV_VAR)
-    if env:
-        yield env
-    here = os.path.dirname(os.path.abspath(__file__))
-    folder = here
-    for _ in range(5):
-        for name in _NAMES:
-            yield os.path.join(folder, name)
-        folder = os.path.dirname(folder)
+def candidate(package_folder: str, environ: Dict[str, str]) -> Tuple[Optional[str], List[str]]:
+    """The library to load, or None, and a line for each place looked at."""
+    tried = []
+    if _built is not None:
+        path = os.path.join(package_folder, _built.LIBRARY)
+        if os.path.isfile(path):
+            return path, tried
+        tried.append("the package's copy %s: not there" % path)
+    else:
+        tried.append("the package's copy: none (the package was not built)")
+    value = environ.get(ENV_VAR, "")
+    if value:
+        path = os.path.abspath(value)  # a bare name would make the loader search the system
+        if os.path.isfile(path):
+            return path, tried
+        problem = "is a folder; it must name the library file itself" if os.path.isdir(path) else "no such file"
+        tried.append("%s=%s: %s" % (ENV_VAR, value, problem))
+        return None, tried
+    tried.append("%s: not set" % ENV_VAR)
     found = ctypes.util.find_library("OKUVAD")
     if found:
-        yield found
+        return found, tried
+    tried.append('ctypes.util.find_library("OKUVAD"): nothing found')
+    return None, tried
 
 
-def load():
-    tried = []
-    for path in _candidates():
-        if path != os.path.basename(path) and not os.path.exists(path):
-            tried.append(path)
-            continue
+def mismatches(lib: Any, version: Optional[str], structures: Dict[str, Any]) -> List[str]:
+    """What differs between a loaded library and this package: its version (when
+    the package knows the one it was built for) and each mirrored structure's size."""
+    problems = []
+    have = lib.oku_version().decode("ascii", "replace")
+    if version is not None and have != version:
+        problems.append("the library is version %s, the package %s" % (have, version))
+    for name, structure in structures.items():
+        size = lib.oku_struct_size(name.encode())
+        if size != ctypes.sizeof(structure):
+            problems.append("%s is %d bytes in the library, %d in the package"
+                            % (name, size, ctypes.sizeof(structure)))
+    return problems
+
+
+def load() -> Tuple[Any, str]:
+    """The library, with every function of SIGNATURES declared, and where it came from."""
+    path, tried = candidate(os.path.dirname(os.path.abspath(__file__)), dict(os.environ))
+    if path is None:
+        raise ImportError("oku: cannot find libOKUVAD (install the package with pip, or set %s to the "
+                          "library file); tried: %s" % (ENV_VAR, "; ".join(tried)))
+    try:
+        lib = ctypes.CDLL(path)
+    except OSError as e:
+        raise ImportError("oku: cannot load %s: %s" % (path, e)) from None
+    for name, (restype, argtypes) in SIGNATURES.items():
         try:
-            lib = ctypes.CDLL(path)
-            break
-        except OSError as e:
-            tried.append("%s (%s)" % (path, e))
-    else:
-        raise ImportError("cannot find libOKUVAD; set %s to its path (tried: %s)" % (ENV_VAR, ", ".join(tried)))
-
-    c_int, c_double, c_size_t = ctypes.c_int, ctypes.c_double, ctypes.c_size_t
-    vad_p, agc_p, i16_p = ctypes.c_void_p, ctypes.c_void_p, ctypes.POINTER(ctypes.c_int16)
-    signatures = {
-        "oku_status_message": (ctypes.c_char_p, [c_int]),
-        "oku_last_error": (ctypes.c_char_p, []),
-        "oku_vad_create_ex": (c_int, [c_double, ctypes.c_char_p, ctypes.c_uint, ctypes.POINTER(vad_p)]),
-        "oku_vad_process": (c_int, [vad_p, i16_p, c_size_t]),
-        "oku_vad_results": (c_int, [vad_p, ctypes.POINTER(VadResult), c_size_t, ctypes.POINTER(c_size_t)]),
-        "oku_vad_flush": (c_int, [vad_p]),
-        "oku_vad_reset": (c_int, [vad_p]),
-        "oku_vad_destroy": (c_int, [vad_p]),
-        "oku_agc_create": (c_int, [c_int, ctypes.c_char_p, ctypes.POINTER(agc_p)]),
-        "oku_agc_process": (c_int, [agc_p, i16_p, c_size_t, c_double, ctypes.POINTER(c_double)]),
-        "oku_agc_info": (c_int, [agc_p, ctypes.POINTER(AgcDecision)]),
-        "oku_agc_set_log": (c_int, [agc_p, LOG_FN, ctypes.c_void_p]),
-        "oku_agc_destroy": (c_int, [agc_p]),
-    }
-    for name, (restype, argtypes) in signatures.items():
-        f = getattr(lib, name)
-        f.restype = restype
-        f.argtypes = argtypes
-    return lib
+            function = getattr(lib, name)
+        except AttributeError:
+            raise ImportError("oku: %s has no function %s: not a libOKUVAD this package can use"
+                              % (path, name)) from None
+        function.restype = restype
+        function.argtypes = argtypes
+    problems = mismatches(lib, _built.VERSION if _built is not None else None, STRUCTURES)
+    if problems:
+        raise ImportError("oku: %s does not match this package: %s" % (path, "; ".join(problems)))
+    return lib, path
 
 
-lib = load()
+lib, LIBRARY_PATH = load()
+"""The library (a ctypes.CDLL) and where it was loaded from: a path, or for the
+system's library the name ctypes.util.find_library gave."""
+
+
+def check(status: int) -> None:
+    """Turns a failed status into an exception carrying the library's message:
+    ValueError for a bad argument, rate or parameter string, OkuError otherwise."""
+    if status == 0:
+        return
+    message = (lib.oku_last_error() or lib.oku_status_message(status)).decode("utf-8", "replace")
+    if status in (-2, -3, -4):  # OKU_ERR_ARGUMENT, OKU_ERR_RATE, OKU_ERR_PARAMS
+        raise ValueError(message)
+    if status == -5:  # OKU_ERR_MEMORY
+        raise MemoryError(message)
+    raise OkuError("%s (status %d)" % (message, status))
