@@ -25,8 +25,18 @@ build: setup $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS)
 
 run: build
+	@echo "== oku vad: the speech segments of the shipped recording (sentences at 1.00-3.93 s and"
+	@echo "   5.43-7.68 s; a segment starts 140 ms before the first loud frame, ends after 420 ms of pause)"
 	$(BUILD)/oku vad data/speech16k.wav
+	@echo "== oku agc: the gain control on the recording as a microphone turned far down captures it"
+	@echo "   (volume 3000 of 65535). It raises the volume step by step; at 4.8 s, in the pause, it goes"
+	@echo "   to the top: the recording's pauses hold almost no noise, so the captured pause is digital"
+	@echo "   silence, which reads as a microphone turned down too far. A room's noise floor holds it back."
 	$(BUILD)/oku agc --volume 3000 data/speech16k.wav
+	@echo "== examples/vad_example: the same recording through the seven plain C functions. They add one"
+	@echo "   zero sample to every 20 ms call, so the analyzer hears slightly different audio; the example"
+	@echo "   maps its positions back to the file's samples (first start: 13718, where the command says"
+	@echo "   13760, 42 added samples earlier; the ends can differ by a frame)."
 	$(BUILD)/examples/vad_example data/speech16k.wav
 
 test: build

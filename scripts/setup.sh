@@ -4,7 +4,7 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config valgrind python3 python3-numpy
           python3-setuptools python3-wheel python3-pip
-          libgtest-dev libsndfile1-dev libsoxr-dev "$@")
+          libgtest-dev libsndfile1-dev libsoxr-dev sox "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
