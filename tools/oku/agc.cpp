@@ -54,13 +54,13 @@ double Setting(const std::string& params, const char* key)
 void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
 {
     const Options& o = run.options;
-    std::unique_ptr<Source> source = OpenSource(slot.name, o.raw ? &o.rawFormat : nullptr);
-    const int rate = ProcessingRate(*source);
-    NoteConversion(slot.name, *source, rate);
+    const OpenedInput in = OpenInput(slot.name, o);
+    Source& source = *in.source;
+    Converter& converter = *in.converter;
+    const int rate = in.rate;
     oku_agc* handle = nullptr;
     Check(oku_agc_create(rate, o.params.c_str(), &handle));
     const AgcHandle agc(handle);
-    Converter converter(*source, rate);
 
     std::unique_ptr<LogFile> log;
     if (!o.logFile.empty()) {
@@ -78,7 +78,7 @@ void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
     long long samples = 0, counts[6] = {0, 0, 0, 0, 0, 0}, changes = 0;
     std::vector<short> captured;
     Stream(
-        *source, converter, ChunkSamples(o.chunkMs, rate), o.progress, slot.name, [](const Block&) {},
+        source, converter, ChunkSamples(o.chunkMs, rate), o.progress, slot.name, [](const Block&) {},
         [&](const std::vector<short>& chunk) {
             // The microphone: the recording times its gain at full volume times the volume in force.
             const double factor = o.micGain * static_cast<double>(volume) / static_cast<double>(o.bound);
@@ -134,8 +134,8 @@ void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
 
     Record summary(RecordType::AgcSummary);
     summary.Set("rate", static_cast<long long>(rate))
-        .Set("original_rate", static_cast<long long>(source->Rate()))
-        .Set("duration_s", source->FramesRead() / static_cast<double>(source->Rate()), 3)
+        .Set("original_rate", static_cast<long long>(source.Rate()))
+        .Set("duration_s", source.FramesRead() / static_cast<double>(source.Rate()), 3)
         .Set("decisions", counts[0] + counts[1] + counts[2] + counts[3] + counts[4] + counts[5])
         .Set("changes", changes)
         .Set("final_volume", static_cast<long long>(volume))

@@ -17,7 +17,20 @@ void Check(int status)
         throw InputError(oku_last_error());
 }
 
-int ProcessingRate(const Source& source) { return oku_nearest_rate(static_cast<double>(source.Rate())); }
+OpenedInput OpenInput(const std::string& name, const Options& options)
+{
+    OpenedInput in;
+    in.source = OpenSource(name, options.raw ? &options.rawFormat : nullptr);
+    const Source& source = *in.source;
+    in.rate = oku_nearest_rate(static_cast<double>(source.Rate()));
+    if (source.Channels() > 1)
+        WriteStderr("oku: " + name + ": mixing " + std::to_string(source.Channels()) + " channels down to mono\n");
+    if (source.Rate() != in.rate)
+        WriteStderr("oku: " + name + ": resampling " + std::to_string(source.Rate()) + " Hz to " +
+                    std::to_string(in.rate) + " Hz\n");
+    in.converter.reset(new Converter(source, in.rate));
+    return in;
+}
 
 std::size_t ChunkSamples(double chunkMs, int rate)
 {
@@ -34,15 +47,6 @@ std::string BaseName(const std::string& input)
     return dot == std::string::npos || dot == 0 ? base : base.substr(0, dot);
 }
 
-void NoteConversion(const std::string& name, const Source& source, int rate)
-{
-    if (source.Channels() > 1)
-        WriteStderr("oku: " + name + ": mixing " + std::to_string(source.Channels()) + " channels down to mono\n");
-    if (source.Rate() != rate)
-        WriteStderr("oku: " + name + ": resampling " + std::to_string(source.Rate()) + " Hz to " +
-                    std::to_string(rate) + " Hz\n");
-}
-
 void NoteNonFinite(const std::string& name, long long count)
 {
     if (count > 0)
@@ -56,7 +60,7 @@ void Stream(Source& source, Converter& converter, std::size_t chunkSamples, bool
 {
     // Blocks no longer than a chunk (of original frames), so that live input
     // is analysed as soon as a chunk of it has arrived.
-    const double ratio = static_cast<double>(source.Rate()) / ProcessingRate(source);
+    const double ratio = static_cast<double>(source.Rate()) / oku_nearest_rate(static_cast<double>(source.Rate()));
     const std::size_t blockFrames =
         std::min<std::size_t>(16384, std::max<std::size_t>(1, static_cast<std::size_t>(std::ceil(chunkSamples * ratio))));
     Progress bar(name, source.Frames() > 60 * source.Rate() ? source.Frames() : 0, progress);

@@ -46,11 +46,20 @@ struct AgcDeleter {
 using VadHandle = std::unique_ptr<oku_vad, VadDeleter>;
 using AgcHandle = std::unique_ptr<oku_agc, AgcDeleter>;
 
+// An input opened for a run: its source, the rate it is analysed at (its own
+// when the library takes it, else the nearest one), and its converter.
+struct OpenedInput {
+    std::unique_ptr<Source> source;
+    int rate = 0;
+    std::unique_ptr<Converter> converter;
+};
+
+// Opens an input as the options say (raw or not) and notes on standard error
+// what is done to bring it to the library (mixing down, resampling).
+OpenedInput OpenInput(const std::string& name, const Options& options);
+
 // Throws InputError with the library's message unless status is OKU_OK.
 void Check(int status);
-
-// The rate the input is analysed at: its own when the library takes it, else the nearest one.
-int ProcessingRate(const Source& source);
 
 // Samples per library call for a chunk length in ms (at least one).
 std::size_t ChunkSamples(double chunkMs, int rate);
@@ -59,9 +68,6 @@ std::size_t ChunkSamples(double chunkMs, int rate);
 // extension, "stdin" for standard input.
 std::string BaseName(const std::string& input);
 
-// Says on standard error what was done to bring the input to the library:
-// mixing down, resampling.
-void NoteConversion(const std::string& name, const Source& source, int rate);
 // Says how many samples were NaN or infinite (read as 0), if any.
 void NoteNonFinite(const std::string& name, long long count);
 

@@ -22,27 +22,27 @@ const double kSplitHistorySeconds = 12.0;
 void RunVad(const InputSlot& slot, const Run& run, Writer& w)
 {
     const Options& o = run.options;
-    std::unique_ptr<Source> source = OpenSource(slot.name, o.raw ? &o.rawFormat : nullptr);
-    const int rate = ProcessingRate(*source);
-    NoteConversion(slot.name, *source, rate);
+    const OpenedInput in = OpenInput(slot.name, o);
+    Source& source = *in.source;
+    Converter& converter = *in.converter;
+    const int rate = in.rate;
     oku_vad* handle = nullptr;
     Check(oku_vad_create(rate, o.params.c_str(), &handle));
     const VadHandle vad(handle);
-    Converter converter(*source, rate);
     std::unique_ptr<SegmentWriter> split;
     if (!o.splitDir.empty())
-        split.reset(new SegmentWriter(o.splitDir, BaseName(slot.name), *source, run.plan,
+        split.reset(new SegmentWriter(o.splitDir, BaseName(slot.name), source, run.plan,
                                       o.chunkMs / 1000.0 + kSplitHistorySeconds));
     std::unique_ptr<VadPlot> plot;
     if (!o.plot.empty())
         plot.reset(new VadPlot(rate));
 
-    const double originalRate = static_cast<double>(source->Rate());
+    const double originalRate = static_cast<double>(source.Rate());
     // A time of the run as a position in the input's own samples, never past its last one.
     auto original = [&](double ms) {
-        return std::min(std::max(0LL, std::llround(ms * originalRate / 1000.0)), source->FramesRead());
+        return std::min(std::max(0LL, std::llround(ms * originalRate / 1000.0)), source.FramesRead());
     };
-    auto seconds = [&](double ms) { return std::min(ms / 1000.0, source->FramesRead() / originalRate); };
+    auto seconds = [&](double ms) { return std::min(ms / 1000.0, source.FramesRead() / originalRate); };
 
     long long samples = 0, segments = 0, readings[4] = {0, 0, 0, 0};
     double peak = 0.0, speechS = 0.0, startMs = 0.0;
@@ -101,7 +101,7 @@ void RunVad(const InputSlot& slot, const Run& run, Writer& w)
     };
 
     Stream(
-        *source, converter, ChunkSamples(o.chunkMs, rate), o.progress, slot.name,
+        source, converter, ChunkSamples(o.chunkMs, rate), o.progress, slot.name,
         [&](const Block& block) {
             if (split)
                 split->Feed(block);
@@ -127,8 +127,8 @@ void RunVad(const InputSlot& slot, const Run& run, Writer& w)
 
     Record summary(RecordType::VadSummary);
     summary.Set("rate", static_cast<long long>(rate))
-        .Set("original_rate", static_cast<long long>(source->Rate()))
-        .Set("duration_s", source->FramesRead() / originalRate, 3)
+        .Set("original_rate", static_cast<long long>(source.Rate()))
+        .Set("duration_s", source.FramesRead() / originalRate, 3)
         .Set("segments", segments)
         .Set("speech_s", speechS, 3)
         .Set("readings", readings[0] + readings[1] + readings[2] + readings[3])
