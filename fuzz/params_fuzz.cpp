@@ -1,6 +1,8 @@
-// Parameter strings of any shape for the parser and both classes. Whatever a
-// string says, construction either succeeds or throws std::invalid_argument,
-// and an accepted configuration must then run audio without fault.
+// Parameter strings of any shape for the parser, both classes and the C
+// interface's checks. Whatever a string says, construction either succeeds or
+// throws std::invalid_argument, an accepted configuration must then run audio
+// without fault, and oku_params_check must accept exactly the strings the
+// classes accept (and then give every setting's value).
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
@@ -8,7 +10,39 @@
 #include "agc.h"
 #include "audioanalyzer.h"
 #include "fuzz_input.h"
+#include "oku.h"
 #include "parameters.h"
+
+namespace {
+
+// The C interface's verdict on a string must be the class's, at the lowest
+// rate (the one oku_params_check builds at).
+template <typename Build>
+void SameVerdict(int service, const std::string& text, Build build)
+{
+    bool built = true;
+    try {
+        build();
+    } catch (const std::invalid_argument&) {
+        built = false;
+    }
+    const int status = oku_params_check(service, text.c_str());
+    if ((status == OKU_OK) != built || (status != OKU_OK && status != OKU_ERR_PARAMS))
+        std::abort();
+    std::size_t count = 0;
+    const oku_setting* table = oku_settings(service, &count);
+    for (std::size_t i = 0; built && i < count; ++i) {
+        double value;
+        if (oku_setting_value(service, text.c_str(), table[i].key, &value) != OKU_OK)
+            std::abort();
+    }
+    oku_params_entries(text.c_str(), [](void*, const char* key, const char* value) {
+        if (!*key || !*value)
+            std::abort();
+    }, nullptr);
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
@@ -63,6 +97,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         }
         (void)agc.ComputeGain(oku::AudioData(samples, samples + chunk), 0.0f);
     } catch (const std::invalid_argument&) {
+    }
+
+    if (text.find('\0') == std::string::npos) {
+        SameVerdict(OKU_SERVICE_VAD, text, [&] { oku::AudioAnalyzer(text, 8000.0, false); });
+        SameVerdict(OKU_SERVICE_AGC, text, [&] { oku::AGC(text, 8000); });
     }
     return 0;
 }
