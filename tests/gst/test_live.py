@@ -56,8 +56,9 @@ def start_server(folder):
         print("skipped: no pulseaudio program (Debian: pulseaudio)")
         sys.exit(SKIP)
     socket, fifo = os.path.join(folder, "native"), os.path.join(folder, "mic.fifo")
-    env = dict(os.environ, XDG_RUNTIME_DIR=folder, PULSE_RUNTIME_PATH=folder, HOME=folder,
-               PULSE_STATE_PATH=folder)
+    # (a sanitizer runtime preloaded into the test is not for the server)
+    env = {k: v for k, v in os.environ.items() if k not in ("LD_PRELOAD", "ASAN_OPTIONS")}
+    env.update(XDG_RUNTIME_DIR=folder, PULSE_RUNTIME_PATH=folder, HOME=folder, PULSE_STATE_PATH=folder)
     # -n: none of the system's configuration; as root the server only warns.
     server = subprocess.Popen(
         ["pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--disallow-exit", "--use-pid-file=no",
