@@ -41,17 +41,16 @@ void gst_oku_settings_install(GObjectClass* klass, int service, guint first_id)
     const oku_setting* table = oku_settings(service, &count);
     for (size_t i = 0; i < count; i++) {
         const oku_setting* s = &table[i];
-        /* The blurb lives as long as the class: made once per class. */
         gchar* blurb = s->unit[0] ? g_strdup_printf("%s (%s; parameter string key %s)", s->meaning, s->unit, s->key)
                                   : g_strdup_printf("%s (parameter string key %s)", s->meaning, s->key);
-        GParamSpec* spec;
+        GParamSpec* param;
         const GParamFlags f = G_PARAM_READWRITE | G_PARAM_STATIC_NAME | G_PARAM_STATIC_NICK | GST_PARAM_MUTABLE_READY;
         if (s->type == OKU_SETTING_INT)
-            spec = g_param_spec_int(s->name, s->key, blurb, G_MININT, G_MAXINT, (gint)s->default_value, f);
+            param = g_param_spec_int(s->name, s->key, blurb, G_MININT, G_MAXINT, (gint)s->default_value, f);
         else
-            spec = g_param_spec_double(s->name, s->key, blurb, -G_MAXDOUBLE, G_MAXDOUBLE, s->default_value, f);
+            param = g_param_spec_double(s->name, s->key, blurb, -G_MAXDOUBLE, G_MAXDOUBLE, s->default_value, f);
         g_free(blurb);
-        g_object_class_install_property(klass, first_id + 1 + (guint)i, spec);
+        g_object_class_install_property(klass, first_id + 1 + (guint)i, param);
     }
 }
 

@@ -130,8 +130,8 @@ static gboolean has_volume(GstElement* element)
 {
     if (GST_IS_STREAM_VOLUME(element))
         return TRUE;
-    GParamSpec* spec = g_object_class_find_property(G_OBJECT_GET_CLASS(element), "volume");
-    return spec && spec->value_type == G_TYPE_DOUBLE && (spec->flags & G_PARAM_READWRITE) == G_PARAM_READWRITE;
+    GParamSpec* param = g_object_class_find_property(G_OBJECT_GET_CLASS(element), "volume");
+    return param && param->value_type == G_TYPE_DOUBLE && (param->flags & G_PARAM_READWRITE) == G_PARAM_READWRITE;
 }
 
 static GstElement* volume_element(GstOkuAgc* self)

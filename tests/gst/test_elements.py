@@ -46,10 +46,10 @@ class Plugin(unittest.TestCase):
         for name, service in (("okuvad", 0), ("okuagc", 1)):
             element = Gst.ElementFactory.make(name)
             for s in settings(service):
-                spec = element.find_property(s.name.decode())
-                self.assertIsNotNone(spec, s.name)
-                self.assertEqual("gint" if s.type == 0 else "gdouble", spec.value_type.name, s.name)
-                self.assertEqual(s.default_value, spec.default_value, s.name)
+                param = element.find_property(s.name.decode())
+                self.assertIsNotNone(param, s.name)
+                self.assertEqual("gint" if s.type == 0 else "gdouble", param.value_type.name, s.name)
+                self.assertEqual(s.default_value, param.default_value, s.name)
                 # read back as the service takes it: the gain control keeps real settings as floats
                 default = ctypes.c_float(s.default_value).value if service == 1 else s.default_value
                 self.assertEqual(default, element.get_property(s.name.decode()), s.name)

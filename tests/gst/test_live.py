@@ -15,7 +15,6 @@ band. It says "skipped" with the reason when no server can start.
 """
 import array
 import ctypes
-import math
 import os
 import shutil
 import signal as signals
