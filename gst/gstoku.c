@@ -1,0 +1,230 @@
+/*
+ * gstoku.c - the plugin: registers okuvad and okuagc, and holds what both
+ * elements share (caps, settings properties, the sample-to-time mapping).
+ */
+#include "gstoku.h"
+
+#include <gst/audio/audio.h>
+#include <string.h>
+
+GstCaps* gst_oku_caps_new(void)
+{
+    size_t count = 0;
+    const int* rates = oku_rates(&count);
+    GValue list = G_VALUE_INIT;
+    g_value_init(&list, GST_TYPE_LIST);
+    for (size_t i = 0; i < count; i++) {
+        GValue rate = G_VALUE_INIT;
+        g_value_init(&rate, G_TYPE_INT);
+        g_value_set_int(&rate, rates[i]);
+        gst_value_list_append_and_take_value(&list, &rate);
+    }
+    GstCaps* caps = gst_caps_new_simple("audio/x-raw", "format", G_TYPE_STRING, GST_AUDIO_NE(S16), "layout",
+                                        G_TYPE_STRING, "interleaved", "channels", G_TYPE_INT, 1, NULL);
+    gst_caps_set_value(caps, "rate", &list);
+    g_value_unset(&list);
+    return caps;
+}
+
+/* ---- settings as properties ---------------------------------------------- */
+
+void gst_oku_settings_install(GObjectClass* klass, int service, guint first_id)
+{
+    const GParamFlags flags = G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY;
+    g_object_class_install_property(
+        klass, first_id,
+        g_param_spec_string("params", "Parameter string",
+                            "Settings as \"Key=Value;...\" (keys as in the library's settings table); a typed "
+                            "property set explicitly overrides the same key here",
+                            NULL, flags));
+    size_t count = 0;
+    const oku_setting* table = oku_settings(service, &count);
+    for (size_t i = 0; i < count; i++) {
+        const oku_setting* s = &table[i];
+        gchar* blurb = s->unit[0] ? g_strdup_printf("%s (%s; parameter string key %s)", s->meaning, s->unit, s->key)
+                                  : g_strdup_printf("%s (parameter string key %s)", s->meaning, s->key);
+        GParamSpec* param;
+        const GParamFlags f = G_PARAM_READWRITE | G_PARAM_STATIC_NAME | G_PARAM_STATIC_NICK | GST_PARAM_MUTABLE_READY;
+        if (s->type == OKU_SETTING_INT)
+            param = g_param_spec_int(s->name, s->key, blurb, G_MININT, G_MAXINT, (gint)s->default_value, f);
+        else
+            param = g_param_spec_double(s->name, s->key, blurb, -G_MAXDOUBLE, G_MAXDOUBLE, s->default_value, f);
+        g_free(blurb);
+        g_object_class_install_property(klass, first_id + 1 + (guint)i, param);
+    }
+}
+
+void gst_oku_settings_init(GstOkuSettings* s, int service)
+{
+    s->service = service;
+    s->table = oku_settings(service, &s->count);
+    s->params = NULL;
+    s->is_set = g_new0(gboolean, s->count);
+    s->values = g_new0(gdouble, s->count);
+}
+
+void gst_oku_settings_clear(GstOkuSettings* s)
+{
+    g_clear_pointer(&s->params, g_free);
+    g_clear_pointer(&s->is_set, g_free);
+    g_clear_pointer(&s->values, g_free);
+}
+
+gboolean gst_oku_settings_set(GstOkuSettings* s, guint first_id, guint prop_id, const GValue* value)
+{
+    if (prop_id == first_id) {
+        g_free(s->params);
+        s->params = g_value_dup_string(value);
+        return TRUE;
+    }
+    if (prop_id <= first_id || prop_id - first_id - 1 >= s->count)
+        return FALSE;
+    const size_t i = prop_id - first_id - 1;
+    s->values[i] = s->table[i].type == OKU_SETTING_INT ? (gdouble)g_value_get_int(value) : g_value_get_double(value);
+    s->is_set[i] = TRUE;
+    return TRUE;
+}
+
+gboolean gst_oku_settings_get(const GstOkuSettings* s, guint first_id, guint prop_id, GValue* value)
+{
+    if (prop_id == first_id) {
+        g_value_set_string(value, s->params);
+        return TRUE;
+    }
+    if (prop_id <= first_id || prop_id - first_id - 1 >= s->count)
+        return FALSE;
+    /* The value the service would take: set explicitly, else from "params",
+     * else the default (also when "params" does not read). */
+    const size_t i = prop_id - first_id - 1;
+    double v = s->table[i].default_value;
+    if (s->is_set[i]) {
+        v = s->values[i];
+    } else if (oku_setting_value(s->service, s->params, s->table[i].key, &v) != OKU_OK) {
+        v = s->table[i].default_value;
+    }
+    if (s->table[i].type == OKU_SETTING_INT)
+        g_value_set_int(value, (gint)CLAMP(v, (double)G_MININT, (double)G_MAXINT));
+    else
+        g_value_set_double(value, v);
+    return TRUE;
+}
+
+gchar* gst_oku_settings_string(const GstOkuSettings* s)
+{
+    GString* str = g_string_new(NULL);
+    for (size_t i = 0; i < s->count; i++) {
+        if (!s->is_set[i])
+            continue;
+        if (s->table[i].type == OKU_SETTING_INT) {
+            g_string_append_printf(str, "%s=%d;", s->table[i].key, (int)s->values[i]);
+        } else {
+            /* Shortest text that reads back as the same double, whatever the locale. */
+            char buf[G_ASCII_DTOSTR_BUF_SIZE];
+            g_string_append_printf(str, "%s=%s;", s->table[i].key, g_ascii_dtostr(buf, sizeof buf, s->values[i]));
+        }
+    }
+    if (s->params)
+        g_string_append(str, s->params);
+    return g_string_free(str, FALSE);
+}
+
+gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gchar** params)
+{
+    GST_OBJECT_LOCK(element);
+    gchar* p = gst_oku_settings_string(s);
+    GST_OBJECT_UNLOCK(element);
+    if (oku_params_check(s->service, p) != OKU_OK) {
+        GST_ELEMENT_ERROR(element, LIBRARY, SETTINGS, ("Invalid settings: %s", oku_last_error()),
+                          ("parameter string \"%s\"", p));
+        g_free(p);
+        return FALSE;
+    }
+    if (params)
+        *params = p;
+    else
+        g_free(p);
+    return TRUE;
+}
+
+/* ---- positions as times --------------------------------------------------- */
+
+#define GST_OKU_ALIGNMENT (40 * GST_MSECOND)
+
+void gst_oku_timeline_start(GstOkuTimeline* t, int rate)
+{
+    t->rate = rate;
+    t->samples = 0;
+    t->n_anchors = 0;
+}
+
+static void timeline_anchor(GstOkuTimeline* t, guint64 position, GstClockTime time)
+{
+    if (t->n_anchors == GST_OKU_ANCHORS) {
+        /* The oldest anchor goes: a run with this many breaks in its timestamps
+         * dates what lies before the oldest kept one from it. */
+        memmove(&t->anchors[0], &t->anchors[1], sizeof t->anchors[0] * (GST_OKU_ANCHORS - 1));
+        t->n_anchors--;
+    }
+    t->anchors[t->n_anchors].position = position;
+    t->anchors[t->n_anchors].time = time;
+    t->n_anchors++;
+}
+
+void gst_oku_timeline_add(GstOkuTimeline* t, GstBuffer* buf, const GstSegment* segment)
+{
+    const GstClockTime pts = GST_BUFFER_PTS(buf);
+    if (t->n_anchors == 0) {
+        GstClockTime start = 0;
+        if (GST_CLOCK_TIME_IS_VALID(pts))
+            start = pts;
+        else if (segment->format == GST_FORMAT_TIME)
+            start = segment->start;
+        timeline_anchor(t, t->samples, start);
+        return;
+    }
+    if (!GST_CLOCK_TIME_IS_VALID(pts))
+        return;
+    const GstClockTime expected = gst_oku_timeline_time(t, t->samples);
+    const GstClockTime off = pts > expected ? pts - expected : expected - pts;
+    const GstClockTime sample = gst_util_uint64_scale_int_ceil(GST_SECOND, 1, t->rate);
+    if (off > GST_OKU_ALIGNMENT || (GST_BUFFER_IS_DISCONT(buf) && off > sample))
+        timeline_anchor(t, t->samples, pts);
+}
+
+GstClockTime gst_oku_timeline_time(const GstOkuTimeline* t, guint64 position)
+{
+    if (t->n_anchors == 0 || t->rate <= 0)
+        return GST_CLOCK_TIME_NONE;
+    guint i = t->n_anchors - 1;
+    while (i > 0 && t->anchors[i].position > position)
+        i--;
+    const GstOkuAnchor* a = &t->anchors[i];
+    if (position >= a->position)
+        return a->time + gst_util_uint64_scale_int(position - a->position, GST_SECOND, t->rate);
+    /* Before the oldest anchor kept. */
+    const GstClockTime back = gst_util_uint64_scale_int(a->position - position, GST_SECOND, t->rate);
+    return a->time > back ? a->time - back : 0;
+}
+
+void gst_oku_segment_times(const GstSegment* segment, GstClockTime time, guint64* stream_time,
+                           guint64* running_time)
+{
+    *stream_time = gst_segment_to_stream_time(segment, GST_FORMAT_TIME, time);
+    *running_time = gst_segment_to_running_time(segment, GST_FORMAT_TIME, time);
+}
+
+/* ---- the plugin ------------------------------------------------------------ */
+
+static gboolean plugin_init(GstPlugin* plugin)
+{
+    return gst_element_register(plugin, "okuvad", GST_RANK_NONE, GST_TYPE_OKU_VAD) &&
+           gst_element_register(plugin, "okuagc", GST_RANK_NONE, GST_TYPE_OKU_AGC);
+}
+
+#ifndef PACKAGE
+#define PACKAGE "oku"
+#endif
+
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, oku,
+                  "Voice activity and automatic gain control for speech audio", plugin_init, OKU_PLUGIN_VERSION,
+                  "unknown", "oku", "oku")

@@ -1,0 +1,89 @@
+/*
+ * gstoku.h - what the okuvad and okuagc elements share: caps from the
+ * library's rates, properties made from its settings tables, and the mapping
+ * from sample positions of a run to buffer timestamps.
+ */
+#ifndef GST_OKU_H
+#define GST_OKU_H
+
+#include <gst/audio/gstaudiofilter.h>
+#include <gst/gst.h>
+#include <oku.h>
+
+G_BEGIN_DECLS
+
+#define GST_TYPE_OKU_VAD (gst_oku_vad_get_type())
+G_DECLARE_FINAL_TYPE(GstOkuVad, gst_oku_vad, GST, OKU_VAD, GstElement)
+
+#define GST_TYPE_OKU_AGC (gst_oku_agc_get_type())
+G_DECLARE_FINAL_TYPE(GstOkuAgc, gst_oku_agc, GST, OKU_AGC, GstAudioFilter)
+
+/* S16 mono in native byte order at each rate of oku_rates(). */
+GstCaps* gst_oku_caps_new(void);
+
+/*
+ * The settings of one service as element properties: "params" (the parameter
+ * string) and one typed property per entry of oku_settings(). The string the
+ * service gets is the explicitly set typed properties first, then "params":
+ * the first occurrence of a key wins, so a typed property overrides the same
+ * key in "params". Guarded by the element's object lock.
+ */
+typedef struct {
+    int service;
+    const oku_setting* table;
+    size_t count;
+    gchar* params;
+    gboolean* is_set; /* one per setting: set through its typed property */
+    gdouble* values;  /* the value set */
+} GstOkuSettings;
+
+/* Installs "params" as prop_id first_id and the typed settings after it. */
+void gst_oku_settings_install(GObjectClass* klass, int service, guint first_id);
+void gst_oku_settings_init(GstOkuSettings* s, int service);
+void gst_oku_settings_clear(GstOkuSettings* s);
+/* FALSE when prop_id is not one of the settings' properties. Call with the object lock held. */
+gboolean gst_oku_settings_set(GstOkuSettings* s, guint first_id, guint prop_id, const GValue* value);
+gboolean gst_oku_settings_get(const GstOkuSettings* s, guint first_id, guint prop_id, GValue* value);
+/* The parameter string the service gets (free with g_free). Call with the object lock held. */
+gchar* gst_oku_settings_string(const GstOkuSettings* s);
+/*
+ * Checks the settings with oku_params_check; on failure posts an element
+ * error that names the problem and returns FALSE. Takes the object lock
+ * itself; *params (if given) receives the checked string.
+ */
+gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gchar** params);
+
+/*
+ * Sample positions of a run (counted from its first sample) as buffer times.
+ * The first buffer of a run anchors position 0 at its timestamp (at the
+ * segment's start when it has none); a later buffer whose timestamp is more
+ * than 40 ms away from where the samples before it put it, or that is marked
+ * DISCONT and off by more than a sample, anchors its first position anew, so
+ * that positions after a gap in the input keep their buffers' times.
+ */
+#define GST_OKU_ANCHORS 64
+typedef struct {
+    guint64 position;
+    GstClockTime time;
+} GstOkuAnchor;
+
+typedef struct {
+    int rate;
+    guint64 samples; /* samples received in the run */
+    guint n_anchors;
+    GstOkuAnchor anchors[GST_OKU_ANCHORS];
+} GstOkuTimeline;
+
+void gst_oku_timeline_start(GstOkuTimeline* t, int rate);
+/* Records the next buffer (call before adding its samples to t->samples). */
+void gst_oku_timeline_add(GstOkuTimeline* t, GstBuffer* buf, const GstSegment* segment);
+/* The buffer time of a position of the run; GST_CLOCK_TIME_NONE before the first buffer. */
+GstClockTime gst_oku_timeline_time(const GstOkuTimeline* t, guint64 position);
+
+/* Stream time and running time of a buffer time in a TIME segment (GST_CLOCK_TIME_NONE outside it). */
+void gst_oku_segment_times(const GstSegment* segment, GstClockTime time, guint64* stream_time,
+                           guint64* running_time);
+
+G_END_DECLS
+
+#endif
