@@ -243,6 +243,17 @@ OKU_API int oku_params_entries(const char* params, oku_params_fn fn, void* user)
     });
 }
 
+OKU_API int oku_vad_delay(double rate, const char* params, double* ms)
+{
+    if (!ms)
+        return Null("ms");
+    return Guard([&]() -> int {
+        const oku::AudioAnalyzer analyzer(params ? params : "", rate, false);
+        *ms = analyzer.GetFrameDelay() * analyzer.GetFrameSizeMs();
+        return OKU_OK;
+    });
+}
+
 OKU_API size_t oku_struct_size(const char* name)
 {
     if (!name)

@@ -199,6 +199,25 @@ typedef void (*oku_params_fn)(void* user, const char* key, const char* value);
 OKU_API int oku_params_entries(const char* params, oku_params_fn fn, void* user);
 
 /*
+ * How long the analyzer may hold audio before it hands it out decided: the
+ * time from a frame's first sample until the frame has come out with its
+ * speech flag (OKU_VAD_FRAME), for these settings at this rate. It is the
+ * longest of: the speech window plus two frames (in a pause), a third of the
+ * end-of-speech timeout plus two frames (in speech), and, at the start of a
+ * run, the histogram's minimum window (the noise level must be known first).
+ * With the defaults: 800 ms at the start of a run, 240 ms after. Near digital
+ * silence the start of a run can take longer, up to 200 frames (4 s), since
+ * frames under 15 dB of energy do not fill the histogram. Speech starts and
+ * ends are dated back within the same bounds. For a host that delays audio
+ * until it is decided (a gate) and must say by how much.
+ * - rate   [i] : one of oku_rates() (Hz)
+ * - params [i] : parameter string, or NULL/"" for the defaults
+ * - ms     [o] : the delay in milliseconds
+ * returns : OKU_OK; OKU_ERR_NULL (ms); OKU_ERR_RATE; OKU_ERR_PARAMS; OKU_ERR_MEMORY
+ */
+OKU_API int oku_vad_delay(double rate, const char* params, double* ms);
+
+/*
  * The size in bytes of a structure of this interface, for bindings that
  * mirror them and want to check they match the library they loaded:
  * "oku_vad_result", "oku_agc_decision" or "oku_setting". 0 for another name.
@@ -338,8 +357,11 @@ OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out);
 
 /*
  * Analyses n samples captured at `gain` (0 to 1; 0 asks for a starting gain)
- * and writes the gain to apply next to *new_gain (the same gain when no update
- * took place; updates need at least 120 ms of audio by default).
+ * and writes the gain to apply next to *new_gain. The gain control works in
+ * float: when no update took place (updates need at least 120 ms of audio by
+ * default) or the update kept the gain, *new_gain is `gain` rounded to float
+ * (0.02 comes back as 0.0199999995...), so compare it with the gain given
+ * after the same rounding, or use oku_agc_info's control type.
  * returns : OKU_OK; OKU_ERR_NULL (agc, new_gain, or samples with n above 0);
  *           OKU_ERR_ARGUMENT (gain outside 0..1 or NaN; n above PTRDIFF_MAX / 2,
  *           refused before samples is touched); OKU_ERR_MEMORY

@@ -227,4 +227,4 @@ static gboolean plugin_init(GstPlugin* plugin)
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, oku,
                   "Voice activity and automatic gain control for speech audio", plugin_init, OKU_PLUGIN_VERSION,
-                  "unknown", "oku", "oku")
+                  "BSD", "oku", "oku")

@@ -67,40 +67,21 @@ G_DEFINE_TYPE(GstOkuVad, gst_oku_vad, GST_TYPE_ELEMENT)
 
 /* ---- latency ---------------------------------------------------------------- */
 
-static double setting(const gchar* params, const char* key)
-{
-    double v = 0;
-    if (oku_setting_value(OKU_SERVICE_VAD, params, key, &v) != OKU_OK)
-        return 0;
-    return CLAMP(v, 0.0, 1e9);
-}
-
 /*
- * How long the analyzer may hold a frame before it hands it out with its
- * speech flag: in a pause, until the speech window after the frame has been
- * measured; in speech, until a third of the end-of-speech timeout has; and at
- * the start of a run, until the histogram's minimum window of frames is there
- * to set the threshold. A frame is handed out once the frame after that window
- * has been measured, hence the two extra frames. Frames are 20 ms of samples,
- * rounded down (19.95 ms at 11025 Hz); the longest over the supported rates is
- * taken, since the LATENCY query may come before the rate is known.
+ * How long gate mode holds audio: the longest time the analyzer may hold a
+ * frame before handing it out decided (oku_vad_delay), over the supported
+ * rates, since the LATENCY query may come before the rate is known. A bad
+ * parameter string gives 0 here; starting the element reports it.
  */
 static GstClockTime gate_latency(const gchar* params)
 {
-    const double window = setting(params, "SpeechWindowSizeMs");
-    const double timeout = setting(params, "EOSTimeoutMs");
-    const double histogram = setting(params, "HistogramMinWindowSizeMs");
     size_t count = 0;
     const int* rates = oku_rates(&count);
     GstClockTime latency = 0;
     for (size_t i = 0; i < count; i++) {
-        const int frame = rates[i] / 50;
-        const double frame_ms = frame * 1000.0 / rates[i];
-        const guint64 w = (guint64)(window / frame_ms + 0.5);
-        const guint64 t = (guint64)(timeout / frame_ms + 0.5);
-        const guint64 h = (guint64)(histogram / frame_ms + 0.5);
-        const guint64 frames = MAX(h, MAX(w + 2, t / 3 + 2));
-        latency = MAX(latency, gst_util_uint64_scale_int(frames * (guint64)frame, GST_SECOND, rates[i]));
+        double ms = 0;
+        if (oku_vad_delay(rates[i], params, &ms) == OKU_OK)
+            latency = MAX(latency, (GstClockTime)(ms * GST_MSECOND + 0.5));
     }
     return latency;
 }

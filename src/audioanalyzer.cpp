@@ -104,6 +104,14 @@ int AudioAnalyzer::GetNumFrames(int ms) const
     return static_cast<int>(ms / _frameSizeMs + 0.5);
 }
 
+int AudioAnalyzer::GetFrameDelay() const
+{
+    const long long start = std::min<long long>(static_cast<long long>(_histogram.GetMinWindowSize()), kRingSize);
+    const long long delay = std::max({start, static_cast<long long>(_speechWindowSize) + 2,
+                                      static_cast<long long>(_numPauseFrames / 3) + 2, 1LL});
+    return static_cast<int>(std::min<long long>(delay, INT_MAX));
+}
+
 void AudioAnalyzer::Process(const AudioData& audioData)
 {
     _audioBuffer.insert(_audioBuffer.end(), audioData.begin(), audioData.end());

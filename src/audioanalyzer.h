@@ -185,6 +185,15 @@ public:
     int GetEOSTimeout() const { return _eosTimeoutMs; }
     int GetSamplesPerFrame() const { return _samplesPerFrame; }
     double GetFrameSizeMs() const { return _frameSizeMs; }
+    // How many frames, counted from a frame's first sample, the analyzer may
+    // hold it before handing it out with its speech flag: in a pause until
+    // the speech window after it has been decided, in speech until a third of
+    // the end-of-speech timeout has, and at the start of a run until the noise
+    // level is first computed (the histogram's minimum window). Deciding a
+    // frame takes the next one, hence two frames more. Near digital silence
+    // the start can wait longer, up to the 200 frames of the rings, since
+    // frames under 15 dB do not count towards the histogram's window.
+    int GetFrameDelay() const;
 
 private:
     static constexpr int kRingSize = 200;  // frames held by both rings (about 4 s)

@@ -79,6 +79,8 @@ public:
     }
 
     bool IsThresholdComputed() const { return _index >= _minWindowSize; }
+    // Energies needed before the levels are first computed.
+    std::size_t GetMinWindowSize() const { return _minWindowSize; }
 
     double GetThreshold(bool isSpeechState) const
     {

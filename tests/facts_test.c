@@ -169,6 +169,15 @@ int main(void)
     CHECK(oku_params_entries("a", on_entry, NULL) == OKU_ERR_PARAMS && entries == 2);
     CHECK(oku_params_entries("", NULL, NULL) == OKU_ERR_NULL);
 
+    /* Delay: the longest of the histogram's minimum window, the speech window
+     * plus two frames and a third of the end-of-speech timeout plus two, in frames. */
+    CHECK(oku_vad_delay(16000, NULL, &v) == OKU_OK && v == 800.0);               /* max(40, 10 + 2, 21 / 3 + 2) */
+    CHECK(oku_vad_delay(11025, "", &v) == OKU_OK && fabs(v - 40 * 220 / 11.025) < 1e-9);
+    CHECK(oku_vad_delay(8000, "HistogramMinWindowSizeMs=100;SpeechWindowSizeMs=400", &v) == OKU_OK && v == 440.0);
+    CHECK(oku_vad_delay(8000, "HistogramMinWindowSizeMs=100;EOSTimeoutMs=3000", &v) == OKU_OK && v == 1040.0);
+    CHECK(oku_vad_delay(44100, NULL, &v) == OKU_ERR_RATE && oku_vad_delay(8000, "a", &v) == OKU_ERR_PARAMS);
+    CHECK(oku_vad_delay(8000, NULL, NULL) == OKU_ERR_NULL);
+
     CHECK(oku_struct_size("oku_vad_result") == sizeof(oku_vad_result));
     CHECK(oku_struct_size("oku_agc_decision") == sizeof(oku_agc_decision));
     CHECK(oku_struct_size("oku_setting") == sizeof(oku_setting) && oku_struct_size("x") == 0);

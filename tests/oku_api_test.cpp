@@ -153,6 +153,41 @@ TEST(OkuHandles, PositionsAreInSamplesOfTheRun)
     oku_vad_destroy(vad);
 }
 
+TEST(OkuHandles, NoFrameIsHeldLongerThanTheDelay)
+{
+    // Fed frame by frame, each frame comes out some frames after it went in;
+    // the longest wait is oku_vad_delay's, and the first frame waits exactly
+    // that long (until the histogram's 40 energies are there).
+    for (double rate : {8000.0, 11025.0, 16000.0, 22050.0}) {
+        const oku::AudioData signal = Burst(rate);
+        const std::size_t spf = static_cast<std::size_t>(rate / 50);
+        double delayMs = 0;
+        ASSERT_EQ(OKU_OK, oku_vad_delay(rate, nullptr, &delayMs));
+        oku_vad* vad = nullptr;
+        ASSERT_EQ(OKU_OK, oku_vad_create_ex(rate, nullptr, OKU_VAD_AUDIO_FRAMES, &vad));
+        long long longest = 0, first = -1;
+        for (std::size_t f = 0; (f + 1) * spf <= signal.size(); ++f) {
+            ASSERT_EQ(OKU_OK, oku_vad_process(vad, signal.data() + f * spf, spf));
+            oku_vad_result r;
+            for (;;) {
+                ASSERT_EQ(OKU_OK, oku_vad_next(vad, &r));
+                if (r.type == OKU_VAD_NONE)
+                    break;
+                if (r.type != OKU_VAD_FRAME)
+                    continue;
+                const long long held = static_cast<long long>(f) + 1 - r.frame_index;  // frames, from its first sample
+                longest = std::max(longest, held);
+                if (r.frame_index == 0)
+                    first = held;
+            }
+        }
+        const double frameMs = spf * 1000.0 / rate;
+        EXPECT_EQ(40, first) << rate;
+        EXPECT_DOUBLE_EQ(delayMs, longest * frameMs) << rate;
+        oku_vad_destroy(vad);
+    }
+}
+
 TEST(OkuHandles, InterleavedHandlesAtDifferentRatesDoNotMeet)
 {
     const oku::AudioData a = Burst(8000.0), b = Burst(22050.0);
