@@ -14,8 +14,46 @@ namespace oku {
 // continuous signal. The three dependent operations per sample are written in
 // a fixed order and the library is built without floating-point contraction,
 // so the output is the same bit for bit on every machine.
+//
+// After a run of zeros the state decays towards 0 and would pass through the
+// subnormal doubles, where every operation costs many times more. At the end
+// of each call a state that can no longer change any output is set to exactly
+// 0 instead (see IsNegligible): the outputs and every later state are those of
+// the plain recursion, bit for bit.
 class HighpassFilter {
 public:
+    // The recursion's coefficients; the numerator's third equals its first.
+    struct Coefficients {
+        double b1, b2, a2, a3;
+    };
+
+    // The bound below which both state values are negligible: 2^-100.
+    //
+    // Why a state below it can be set to 0 without changing anything. With
+    // zero input the recursion is z1' = z2 - a2 z1, z2' = -a3 z1, a stable
+    // linear map A. At every supported rate the powers of A have an infinity
+    // norm of at most 28 (the largest, 27.1, at 22050 Hz) and sum to at most
+    // 1700; each step's rounding adds at most 5 x 2^-53 of the state plus
+    // 2^-1074. So a state with both magnitudes under 2^-100 stays under
+    // 28 x 2^-100 (1 + 10^-12) + 2^-1063 < 2^-95 for as long as the input is 0,
+    // and every output meanwhile is z1 rounded: 0, as from a zero state. At the
+    // first nonzero sample x (|x| >= 1) the output is b1 x + z1, where b1 x
+    // rounds to a double v with |v| > 0.5, whose neighbours lie at least 2^-54
+    // away: adding |z1| < 2^-55 rounds back to v, the zero state's output.
+    // Likewise b2 x + z2 (|b2 x| > 1.6) rounds to b2 x, and z2' depends on x
+    // and the output only. From that sample on the state and every output
+    // equal the zero state's. The bound lies 2^40 under the 2^-55 needed.
+    // The library tests the state once per frame (at most 441 samples), and
+    // in 441 steps A shrinks a state by a factor of at most 2.6 x 10^-6, so a
+    // state that was not set to 0 keeps a magnitude above 2^-119 through the
+    // next frame, far from the subnormal range (under 2^-1022).
+    static constexpr double kNegligibleState = 0x1p-100;
+
+    static bool IsNegligible(double z1, double z2)
+    {
+        return (z1 < 0 ? -z1 : z1) < kNegligibleState && (z2 < 0 ? -z2 : z2) < kNegligibleState;
+    }
+
     // Throws RateError ("Sampling rate") unless samplingRate is exactly one of
     // the rates of kSupportedRates.
     explicit HighpassFilter(double samplingRate) : _z1(0.0), _z2(0.0)
@@ -67,9 +105,17 @@ public:
         return static_cast<short>(t - (static_cast<double>(t) > y));
     }
 
-    // State, exposed read-only for tests that check exactness over long runs.
+    Coefficients GetCoefficients() const { return {_b1, _b2, _a2, _a3}; }
+
+    // The state, for tests that check exactness and for code that runs the
+    // recursion of many filters side by side (measure.h) and hands it back.
     double GetZ1() const { return _z1; }
     double GetZ2() const { return _z2; }
+    void SetState(double z1, double z2)
+    {
+        _z1 = z1;
+        _z2 = z2;
+    }
 
 private:
     template <bool write, typename Iterator>
@@ -93,6 +139,10 @@ private:
             sum += static_cast<double>(y) * y;
             const int magnitude = raw < 0 ? -raw : raw;
             peak = magnitude > peak ? magnitude : peak;
+        }
+        if (IsNegligible(z1, z2)) {
+            z1 = 0.0;
+            z2 = 0.0;
         }
         _z1 = z1;
         _z2 = z2;

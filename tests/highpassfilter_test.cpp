@@ -2,9 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <vector>
+
+#include "rates.h"
+#include "recordings.h"
 
 using oku::HighpassFilter;
 
@@ -163,5 +168,70 @@ TEST(HighpassFilter, LongRunMatchesAPlainDoubleRecursionBitForBit)
         EXPECT_EQ(reference, checksum) << kRates[r];
         EXPECT_EQ(static_cast<double>(z1), f.GetZ1()) << kRates[r];
         EXPECT_EQ(static_cast<double>(z2), f.GetZ2()) << kRates[r];
+    }
+}
+
+// The argument for zeroing a negligible state rests on one inequality: the
+// largest growth of a state under zero input (the supremum of the infinity
+// norm of the powers of the recursion's matrix) times the bound stays under
+// 2^-55 with a wide margin. Computed here from the coefficient table.
+TEST(NegligibleState, BoundTimesTheLargestGrowthStaysFarUnderHalfAnUlp)
+{
+    for (const oku::SupportedRate& r : oku::kSupportedRates) {
+        // A = [[-a2, 1], [-a3, 0]]; P = A^k.
+        double p[2][2] = {{1, 0}, {0, 1}}, growth = 0, total = 0;
+        for (int k = 0; k < 100000; ++k) {
+            const double norm = std::max(std::fabs(p[0][0]) + std::fabs(p[0][1]), std::fabs(p[1][0]) + std::fabs(p[1][1]));
+            growth = std::max(growth, norm);
+            total += norm;
+            const double q[2][2] = {{-r.a2 * p[0][0] + p[1][0], -r.a2 * p[0][1] + p[1][1]},
+                                    {-r.a3 * p[0][0], -r.a3 * p[0][1]}};
+            std::memcpy(p, q, sizeof p);
+        }
+        EXPECT_LT(growth, 28.0) << r.hz;
+        EXPECT_LT(total, 1700.0) << r.hz;
+        // With the rounding allowance of the argument, and 2^20 to spare.
+        EXPECT_LT(oku::HighpassFilter::kNegligibleState * growth * (1 + 1e-9) * 0x1p20, 0x1p-55) << r.hz;
+    }
+}
+
+// Speech-like audio with long runs of digital silence, at every rate: the
+// filter, called frame by frame as the classes call it, gives exactly the
+// outputs and states of a plain recursion that never zeroes its state, whose
+// state meanwhile decays into the subnormal numbers.
+TEST(NegligibleState, ZeroRunsGiveThePlainRecursionsOutputsBitForBit)
+{
+    for (const double rate : kRates) {
+        const oku::SupportedRate& c = *oku::FindRate(rate);
+        const oku::AudioData x = testsig::Render(
+            {{1.0, 9000, 40}, {3.0, 0, 0}, {0.02, 0, 1}, {2.5, 0, 0}, {0.6, 30000, 0}, {4.0, 0, 0}, {0.5, 2000, 3}},
+            rate, 7);
+        oku::HighpassFilter f(rate);
+        const std::size_t frame = static_cast<std::size_t>(rate / 50);
+        volatile double z1 = 0, z2 = 0;  // every product and sum rounded on its own
+        bool referenceSubnormal = false, zeroed = false;
+        std::size_t mismatches = 0;
+        for (std::size_t start = 0; start + frame <= x.size(); start += frame) {
+            oku::AudioData y(x.begin() + static_cast<long>(start), x.begin() + static_cast<long>(start + frame));
+            f.Filter(y.begin(), y.end());
+            for (std::size_t i = 0; i < frame; ++i) {
+                const double in = x[start + i];
+                volatile double p = c.b1 * in;
+                const double out = p + z1;
+                volatile double q = c.b2 * in, s1 = q + z2, m1 = c.a2 * out;
+                z1 = s1 - m1;
+                volatile double q3 = c.b1 * in, m2 = c.a3 * out;
+                z2 = q3 - m2;
+                const double clipped = out > 32767.0 ? 32767.0 : (out < -32768.0 ? -32768.0 : out);
+                mismatches += static_cast<short>(std::floor(clipped + 0.5)) != y[i];
+                referenceSubnormal |= std::fpclassify(z1) == FP_SUBNORMAL;
+            }
+            zeroed |= f.GetZ1() == 0.0 && f.GetZ2() == 0.0 && z1 != 0.0;
+        }
+        EXPECT_EQ(0u, mismatches) << rate;
+        EXPECT_TRUE(referenceSubnormal) << rate << ": the plain recursion never reached the subnormal range";
+        EXPECT_TRUE(zeroed) << rate << ": the filter never zeroed its state";
+        EXPECT_EQ(static_cast<double>(z1), f.GetZ1()) << rate;
+        EXPECT_EQ(static_cast<double>(z2), f.GetZ2()) << rate;
     }
 }
