@@ -9,15 +9,20 @@
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include "../src/agc.h"
 #include "../src/audioanalyzer.h"
+#include "../src/measure.h"
 #include "boundary.h"
 #include "status.h"
 
 using oku::status::Fail;
 using oku::status::Guard;
 using oku::status::Null;
+
+static_assert(std::is_same<int16_t, short>::value, "samples are handed to the classes as short");
 
 struct oku_vad {
     oku::AudioAnalyzer analyzer;
@@ -40,6 +45,36 @@ int CheckCount(std::size_t n)
 {
     if (n > static_cast<std::size_t>(PTRDIFF_MAX) / sizeof(int16_t))
         return Fail(OKU_ERR_ARGUMENT, "sample count larger than any array");
+    return OKU_OK;
+}
+
+// Checks the arrays of a *_process_many call before anything is touched:
+// OKU_OK, or the status of the first fault with a message naming it
+// ("vads[3] is null"). May throw std::bad_alloc.
+template <typename Handle>
+int CheckMany(const char* name, Handle* const* handles, const int16_t* const* samples, const std::size_t* counts,
+              std::size_t n)
+{
+    if (n == 0)
+        return OKU_OK;
+    if (!handles)
+        return Null(name);
+    if (!samples)
+        return Null("samples");
+    if (!counts)
+        return Null("counts");
+    const auto at = [](const char* array, std::size_t i) { return std::string(array) + "[" + std::to_string(i) + "]"; };
+    for (std::size_t i = 0; i < n; ++i) {
+        if (!handles[i])
+            return Fail(OKU_ERR_NULL, at(name, i) + " is null");
+        if (CheckCount(counts[i]) != OKU_OK)
+            return Fail(OKU_ERR_ARGUMENT, at("counts", i) + " is larger than any array");
+        if (!samples[i] && counts[i] > 0)
+            return Fail(OKU_ERR_NULL, at("samples", i) + " is null");
+    }
+    const std::size_t repeat = oku::FindRepeat(handles, n);
+    if (repeat != n)
+        return Fail(OKU_ERR_ARGUMENT, at(name, repeat) + " repeats an earlier handle");
     return OKU_OK;
 }
 
@@ -178,6 +213,23 @@ OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n)
     });
 }
 
+OKU_API int oku_vad_process_many(oku_vad* const* vads, const int16_t* const* samples, const size_t* counts,
+                                 size_t n)
+{
+    return Guard([&]() -> int {
+        const int status = CheckMany("vads", vads, samples, counts, n);
+        if (status != OKU_OK || n == 0)
+            return status;
+        std::vector<oku::AudioAnalyzer*> analyzers(n);
+        for (std::size_t i = 0; i < n; ++i)
+            analyzers[i] = &vads[i]->analyzer;
+        oku::AudioAnalyzer::ProcessMany(analyzers.data(), samples, counts, n);
+        for (std::size_t i = 0; i < n; ++i)
+            vads[i]->handedOut.clear();
+        return OKU_OK;
+    });
+}
+
 OKU_API int oku_vad_next(oku_vad* vad, oku_vad_result* out)
 {
     if (!vad)
@@ -268,6 +320,39 @@ OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, doub
         agc->updated = agc->agc.GetNumUpdates() != updatesBefore ||
                        info.GetControlType() == oku::AGC::ControlInfo::GainEstimate;
         *new_gain = result;
+        return OKU_OK;
+    });
+}
+
+OKU_API int oku_agc_process_many(oku_agc* const* agcs, const int16_t* const* samples, const size_t* counts,
+                                 const double* gains, double* new_gains, size_t n)
+{
+    return Guard([&]() -> int {
+        const int status = CheckMany("agcs", agcs, samples, counts, n);
+        if (status != OKU_OK || n == 0)
+            return status;
+        if (!gains)
+            return Null("gains");
+        if (!new_gains)
+            return Null("new_gains");
+        std::vector<oku::AGC*> controls(n);
+        std::vector<float> in(n), out(n);
+        std::vector<long long> updatesBefore(n);
+        for (std::size_t i = 0; i < n; ++i) {
+            if (!(gains[i] >= 0.0 && gains[i] <= 1.0))
+                return Fail(OKU_ERR_ARGUMENT, "gains[" + std::to_string(i) + "] must lie in [0, 1]");
+            controls[i] = &agcs[i]->agc;
+            in[i] = static_cast<float>(gains[i]);
+            updatesBefore[i] = controls[i]->GetNumUpdates();
+        }
+        oku::AGC::ComputeGainMany(controls.data(), samples, counts, in.data(), out.data(), n);
+        for (std::size_t i = 0; i < n; ++i) {
+            oku::AGC::ControlInfo info;
+            controls[i]->GetInfo(info);
+            agcs[i]->updated = controls[i]->GetNumUpdates() != updatesBefore[i] ||
+                               info.GetControlType() == oku::AGC::ControlInfo::GainEstimate;
+            new_gains[i] = out[i];
+        }
         return OKU_OK;
     });
 }

@@ -292,6 +292,27 @@ OKU_API int oku_vad_create_ex(double rate, const char* params, unsigned flags, o
 OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n);
 
 /*
+ * oku_vad_process for many analyzers in one call: vads[i] takes the counts[i]
+ * samples at samples[i] exactly as its own oku_vad_process call would take
+ * them, with the same results to the last bit, while the library runs the
+ * analyzers' filters side by side in the processor's vector lanes (chosen at
+ * run time), which costs far less per stream than one call after another.
+ * Analyzers of different rates and chunks of different lengths (0 included)
+ * mix freely. Every handle must appear once, and none may be in use on
+ * another thread during the call.
+ * - vads    [i/o] : n analyzers
+ * - samples [i]   : n sample pointers; samples[i] may be NULL when counts[i] is 0
+ * - counts  [i]   : n sample counts
+ * - n       [i]   : how many; 0 does nothing, and the arrays may then be NULL
+ * returns : OKU_OK; OKU_ERR_NULL (vads, samples or counts, a handle, or a
+ *           samples[i] with counts[i] above 0); OKU_ERR_ARGUMENT (a handle
+ *           given twice, or a count above PTRDIFF_MAX / 2); OKU_ERR_MEMORY.
+ *           On a refusal no handle changes and no audio is consumed.
+ */
+OKU_API int oku_vad_process_many(oku_vad* const* vads, const int16_t* const* samples, const size_t* counts,
+                                 size_t n);
+
+/*
  * Takes the oldest queued result into *out; out->type is OKU_VAD_NONE when the
  * queue is empty. Results come out in the order they happened.
  * returns : OKU_OK; OKU_ERR_NULL (vad, out); OKU_ERR_MEMORY
@@ -367,6 +388,29 @@ OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out);
  *           refused before samples is touched); OKU_ERR_MEMORY
  */
 OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, double gain, double* new_gain);
+
+/*
+ * oku_agc_process for many gain controls in one call: agcs[i] and
+ * new_gains[i] end up exactly as after oku_agc_process(agcs[i], samples[i],
+ * counts[i], gains[i], &new_gains[i]), while the filters of the gain controls
+ * that update run side by side in the processor's vector lanes. Gain controls
+ * of different rates and chunks of different lengths (0 included) mix
+ * freely. Every handle must appear once, and none may be in use on another
+ * thread during the call. new_gains may be gains itself.
+ * - agcs      [i/o] : n gain controls
+ * - samples   [i]   : n sample pointers; samples[i] may be NULL when counts[i] is 0
+ * - counts    [i]   : n sample counts
+ * - gains     [i]   : n gains in force (0 to 1; 0 asks for a starting gain)
+ * - new_gains [o]   : n gains to apply next
+ * - n         [i]   : how many; 0 does nothing, and the arrays may then be NULL
+ * returns : OKU_OK; OKU_ERR_NULL (agcs, samples, counts, gains or new_gains, a
+ *           handle, or a samples[i] with counts[i] above 0); OKU_ERR_ARGUMENT
+ *           (a handle given twice, a gain outside 0..1 or NaN, or a count
+ *           above PTRDIFF_MAX / 2); OKU_ERR_MEMORY. On a refusal no handle
+ *           changes, no audio is consumed and new_gains is not written.
+ */
+OKU_API int oku_agc_process_many(oku_agc* const* agcs, const int16_t* const* samples, const size_t* counts,
+                                 const double* gains, double* new_gains, size_t n);
 
 /* The last decision (all zero before the first call). returns : OKU_OK; OKU_ERR_NULL (agc, out) */
 OKU_API int oku_agc_info(const oku_agc* agc, oku_agc_decision* out);

@@ -4,8 +4,10 @@
 #include <cassert>
 #include <cmath>
 #include <cstdlib>
+#include <new>
 #include <stdexcept>
 
+#include "measure.h"
 #include "parameters.h"
 #include "settings.h"
 
@@ -226,13 +228,9 @@ float AGC::ComputeClippingFraction(AudioData::const_iterator first, AudioData::c
     return static_cast<float>(static_cast<double>(clipped) / static_cast<double>(count));
 }
 
-void AGC::Process(AudioData::const_iterator first, AudioData::const_iterator last)
+void AGC::TakeFrame(double sumOfSquares)
 {
-    // The filter hands back the exact sum of squares of the filtered frame:
-    // the level ComputePower would measure on it, without a copy of the frame
-    // and without a second pass.
-    const double sum = _f.Measure(first, last, nullptr);
-    _h.Update(PowerFromSum(sum, static_cast<long long>(last - first)));
+    _h.Update(PowerFromSum(sumOfSquares, GetSamplesPerFrame(_samplingRate)));
 }
 
 // ---- AGC: decision ---------------------------------------------------------------
@@ -300,27 +298,105 @@ float AGC::GetMedianGain() const
 
 float AGC::ComputeGain(const AudioData& a, float curGain)
 {
+    float gain;
+    if (!Collect(a.data(), a.size(), curGain, gain))
+        return gain;
+    // The filter hands back the exact sum of squares of the filtered frame:
+    // the level ComputePower would measure on it, without a copy of the frame
+    // and without a second pass.
+    const std::ptrdiff_t samplesPerFrame = GetSamplesPerFrame(_samplingRate);
+    const std::size_t frames = GetFramesCollected();
+    for (std::size_t f = 0; f < frames; ++f) {
+        const AudioData::const_iterator frame = _audioBuffer.begin() + static_cast<std::ptrdiff_t>(f) * samplesPerFrame;
+        TakeFrame(_f.Measure(frame, frame + samplesPerFrame, nullptr));
+    }
+    return Decide(curGain);
+}
+
+void AGC::ComputeGainMany(AGC* const* agcs, const short* const* samples, const std::size_t* counts,
+                          const float* curGains, float* newGains, std::size_t n)
+{
+    if (n == 0)
+        return;
+    if (!agcs || !samples || !counts || !curGains || !newGains)
+        throw std::invalid_argument("ComputeGainMany: null array");
+    for (std::size_t i = 0; i < n; ++i) {
+        if (!agcs[i])
+            throw std::invalid_argument("ComputeGainMany: null gain control");
+        if (!samples[i] && counts[i] > 0)
+            throw std::invalid_argument("ComputeGainMany: null samples");
+        if (!(curGains[i] >= 0.0f && curGains[i] <= 1.0f))
+            throw std::invalid_argument("curGain must lie in [0, 1]");
+    }
+    if (FindRepeat(agcs, n) != n)
+        throw std::invalid_argument("ComputeGainMany: a gain control appears twice");
+
+    // Everything that may fail to allocate comes before any gain control changes.
+    std::vector<FrameRun> runs;
+    runs.reserve(n);
+    std::vector<std::size_t> updating;
+    updating.reserve(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        AGC& a = *agcs[i];
+        if (counts[i] > a._audioBuffer.max_size() - a._audioBuffer.size())
+            throw std::bad_alloc();
+        const std::size_t total = a._audioBuffer.size() + counts[i];
+        a._audioBuffer.reserve(total);
+        a._frameSums.resize(total / static_cast<std::size_t>(GetSamplesPerFrame(a._samplingRate)));
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        AGC& a = *agcs[i];
+        if (!a.Collect(samples[i], counts[i], curGains[i], newGains[i]))
+            continue;
+        updating.push_back(i);
+        runs.push_back(FrameRun{&a._f, a._audioBuffer.data(), a.GetFramesCollected(),
+                                static_cast<std::size_t>(GetSamplesPerFrame(a._samplingRate)), a._frameSums.data(),
+                                nullptr});
+    }
+    MeasureRuns(runs.data(), runs.size());
+    for (std::size_t u = 0; u < updating.size(); ++u) {
+        const std::size_t i = updating[u];
+        AGC& a = *agcs[i];
+        for (std::size_t f = 0; f < runs[u].frames; ++f)
+            a.TakeFrame(a._frameSums[f]);
+        newGains[i] = a.Decide(curGains[i]);
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        // A very long chunk leaves its measurements' memory behind otherwise.
+        if (agcs[i]->_frameSums.capacity() > 4096)
+            std::vector<double>().swap(agcs[i]->_frameSums);
+    }
+}
+
+bool AGC::Collect(const short* samples, std::size_t n, float curGain, float& gain)
+{
     if (!(curGain >= 0.0f && curGain <= 1.0f))
         throw std::invalid_argument("curGain must lie in [0, 1]");
-    _timeMs += static_cast<double>(a.size()) * 1000 / _samplingRate;
+    _timeMs += static_cast<double>(n) * 1000 / _samplingRate;
     if (curGain <= 0.0f) {
         _state = Initial;
         _h.Reset();
-        const float gain = GetMedianGain();
+        gain = GetMedianGain();
         SetInfo(ControlInfo::GainEstimate, 0, 0);
-        return gain;
+        return false;
     }
-    _audioBuffer.insert(_audioBuffer.end(), a.begin(), a.end());
-    const std::size_t samplesPerFrame = static_cast<std::size_t>(GetSamplesPerFrame(_samplingRate));
-    if (_audioBuffer.size() / samplesPerFrame < static_cast<std::size_t>(_minUpdateFrames)) {
+    _audioBuffer.insert(_audioBuffer.end(), samples, samples + n);
+    if (GetFramesCollected() < static_cast<std::size_t>(_minUpdateFrames)) {
         SetInfo(ControlInfo::Unchanged, 0, 0);
-        return curGain;
+        gain = curGain;
+        return false;
     }
+    return true;
+}
+
+std::size_t AGC::GetFramesCollected() const
+{
+    return _audioBuffer.size() / static_cast<std::size_t>(GetSamplesPerFrame(_samplingRate));
+}
+
+float AGC::Decide(float curGain)
+{
     const float clippingFraction = ComputeClippingFraction(_audioBuffer.begin(), _audioBuffer.end());
-    for (std::size_t i = 0; i + samplesPerFrame <= _audioBuffer.size(); i += samplesPerFrame) {
-        const AudioData::const_iterator frame = _audioBuffer.begin() + static_cast<std::ptrdiff_t>(i);
-        Process(frame, frame + static_cast<std::ptrdiff_t>(samplesPerFrame));
-    }
     const float newGain = ComputeGain(curGain, clippingFraction);
     _audioBuffer.clear();
     return newGain;

@@ -125,6 +125,17 @@ public:
     // starting gain. Throws std::invalid_argument, changing nothing, when
     // curGain is not in [0, 1] (NaN included).
     float ComputeGain(const AudioData& a, float curGain);
+    // ComputeGain for many gain controls at once: newGains[i] is what
+    // agcs[i]->ComputeGain on the counts[i] samples at samples[i] with
+    // curGains[i] would return, with the same effect on agcs[i], while the
+    // frames of all of them are filtered side by side. Gain controls of
+    // different rates and chunks of different lengths (0 included) mix freely.
+    // Throws std::invalid_argument, before any gain control changes, when a
+    // gain control is null or appears twice, samples[i] is null with counts[i]
+    // above 0, or a gain is not in [0, 1]; std::bad_alloc before any change
+    // when memory for the chunks cannot be had.
+    static void ComputeGainMany(AGC* const* agcs, const short* const* samples, const std::size_t* counts,
+                                const float* curGains, float* newGains, std::size_t n);
     // The same on a 16-bit scale where 65535 is full gain; returns gain itself,
     // bit for bit, when the gain did not change.
     unsigned short ComputeGain(const AudioData& a, unsigned short gain);
@@ -149,9 +160,17 @@ public:
     static int GetSamplesPerFrame(int samplingRate) { return GetFrameSizeMs() * samplingRate / 1000; }
 
 private:
-    // Measures one frame of the buffer [first, last): filtered and its level
-    // added to the level window (the buffer itself is left as it is).
-    void Process(AudioData::const_iterator first, AudioData::const_iterator last);
+    // A chunk is processed in steps, so that ComputeGainMany can measure the
+    // frames of many gain controls together. Collect takes the chunk; it
+    // returns true when the collected audio is due for an update, and false
+    // with the result in gain otherwise. For an update, every whole frame of
+    // the buffer is measured (filtered, the sum of the squares of the
+    // filtered samples) and its sum handed to TakeFrame in order; Decide then
+    // decides on the new gain and empties the buffer.
+    bool Collect(const short* samples, std::size_t n, float curGain, float& gain);
+    std::size_t GetFramesCollected() const;
+    void TakeFrame(double sumOfSquares);
+    float Decide(float curGain);
     float ComputeGain(float curGain, float clippingFraction);
     bool DetectSpeech(float a, float b) const;
     bool DetectPause(float a, float b) const;
@@ -196,6 +215,7 @@ private:
     Histogram _snrHist;
     HighpassFilter _f;
     AudioData _audioBuffer;
+    std::vector<double> _frameSums;  // the measurements of a ComputeGainMany call, reused
     ostreamptr _logStream;
     long long _numUpdates = 0;
 };

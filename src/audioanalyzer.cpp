@@ -1,11 +1,14 @@
 #include "audioanalyzer.h"
 
+#include "measure.h"
 #include "settings.h"
 
 #include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <new>
+#include <stdexcept>
 
 namespace oku {
 
@@ -114,32 +117,86 @@ int AudioAnalyzer::GetFrameDelay() const
 
 void AudioAnalyzer::Process(const AudioData& audioData)
 {
-    _audioBuffer.insert(_audioBuffer.end(), audioData.begin(), audioData.end());
-    const std::size_t samplesPerFrame = static_cast<std::size_t>(_samplesPerFrame);
-    _chunkPeak = 0;
-    std::size_t i = 0;
-    for (; i + samplesPerFrame <= _audioBuffer.size(); i += samplesPerFrame)
-        ProcessFrame(_audioBuffer.begin() + static_cast<std::ptrdiff_t>(i));
-    GenerateVolumeMeterResult(static_cast<long long>(i), _chunkPeak);
-    _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + static_cast<std::ptrdiff_t>(i));
+    const std::size_t frames = Append(audioData.data(), audioData.size());
+    const std::ptrdiff_t samplesPerFrame = _samplesPerFrame;
+    int peak = 0;
+    for (std::size_t f = 0; f < frames; ++f) {
+        const AudioData::const_iterator frame = _audioBuffer.begin() + static_cast<std::ptrdiff_t>(f) * samplesPerFrame;
+        TakeFrame(frame, _highpassFilter.Measure(frame, frame + samplesPerFrame, &peak));
+    }
+    EndChunk(frames, peak);
 }
 
-void AudioAnalyzer::ProcessFrame(AudioData::const_iterator frame)
+void AudioAnalyzer::ProcessMany(AudioAnalyzer* const* analyzers, const short* const* samples,
+                                const std::size_t* counts, std::size_t n)
 {
-    const AudioData::const_iterator end = frame + _samplesPerFrame;
+    if (n == 0)
+        return;
+    if (!analyzers || !samples || !counts)
+        throw std::invalid_argument("ProcessMany: null array");
+    for (std::size_t i = 0; i < n; ++i) {
+        if (!analyzers[i])
+            throw std::invalid_argument("ProcessMany: null analyzer");
+        if (!samples[i] && counts[i] > 0)
+            throw std::invalid_argument("ProcessMany: null samples");
+    }
+    if (FindRepeat(analyzers, n) != n)
+        throw std::invalid_argument("ProcessMany: an analyzer appears twice");
+
+    // Everything that may fail to allocate comes before any analyzer changes.
+    std::vector<FrameRun> runs(n);
+    std::vector<int> peaks(n, 0);
+    for (std::size_t i = 0; i < n; ++i) {
+        AudioAnalyzer& a = *analyzers[i];
+        if (counts[i] > a._audioBuffer.max_size() - a._audioBuffer.size())
+            throw std::bad_alloc();
+        const std::size_t total = a._audioBuffer.size() + counts[i];
+        a._audioBuffer.reserve(total);
+        a._frameSums.resize(total / static_cast<std::size_t>(a._samplesPerFrame));
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        AudioAnalyzer& a = *analyzers[i];
+        const std::size_t frames = a.Append(samples[i], counts[i]);
+        runs[i] = FrameRun{&a._highpassFilter, a._audioBuffer.data(), frames,
+                           static_cast<std::size_t>(a._samplesPerFrame), a._frameSums.data(), &peaks[i]};
+    }
+    MeasureRuns(runs.data(), n);
+    for (std::size_t i = 0; i < n; ++i) {
+        AudioAnalyzer& a = *analyzers[i];
+        const std::ptrdiff_t samplesPerFrame = a._samplesPerFrame;
+        for (std::size_t f = 0; f < runs[i].frames; ++f)
+            a.TakeFrame(a._audioBuffer.begin() + static_cast<std::ptrdiff_t>(f) * samplesPerFrame, a._frameSums[f]);
+        a.EndChunk(runs[i].frames, peaks[i]);
+        // A very long chunk leaves its measurements' memory behind otherwise.
+        if (a._frameSums.capacity() > 4096)
+            std::vector<double>().swap(a._frameSums);
+    }
+}
+
+std::size_t AudioAnalyzer::Append(const short* samples, std::size_t n)
+{
+    _audioBuffer.insert(_audioBuffer.end(), samples, samples + n);
+    return _audioBuffer.size() / static_cast<std::size_t>(_samplesPerFrame);
+}
+
+void AudioAnalyzer::TakeFrame(AudioData::const_iterator frame, double sumOfSquares)
+{
     const int slot = _writeIndex % kRingSize;
     if (_supplyFrameData)
-        _audioFrames[slot].assign(frame, end);
-    // The frame is measured as it is filtered: the filtered samples themselves
-    // are not needed, only their sum of squares (for the energy) and the peak
-    // of the raw samples (for the volume meter), so the frame is not copied.
-    const double energy =
-        ComputeEnergy(_highpassFilter.Measure(frame, end, &_chunkPeak), static_cast<std::size_t>(_samplesPerFrame));
+        _audioFrames[slot].assign(frame, frame + _samplesPerFrame);
+    const double energy = ComputeEnergy(sumOfSquares, static_cast<std::size_t>(_samplesPerFrame));
     _histogram.Update(energy);
     _energyWindow[slot] = energy;
     ++_writeIndex;
     if (_histogram.IsThresholdComputed() || _writeIndex >= kRingSize)
         Process(_writeIndex - 1);
+}
+
+void AudioAnalyzer::EndChunk(std::size_t frames, int peak)
+{
+    const std::size_t samples = frames * static_cast<std::size_t>(_samplesPerFrame);
+    GenerateVolumeMeterResult(static_cast<long long>(samples), peak);
+    _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + static_cast<std::ptrdiff_t>(samples));
 }
 
 double AudioAnalyzer::ComputeEnergy(double sumOfSquares, std::size_t count) const

@@ -372,3 +372,185 @@ TEST(OkuThreads, SixteenHandlesOnEightThreadsMatchASerialRun)
         EXPECT_EQ(serial[static_cast<std::size_t>(h)], parallel[static_cast<std::size_t>(h)]) << h;
     }
 }
+
+namespace {
+
+// Everything a handle has queued, positions and frame samples included.
+std::string TakeAll(oku_vad* vad)
+{
+    std::ostringstream os;
+    oku_vad_result r[7];
+    std::size_t n = 0;
+    do {
+        EXPECT_EQ(OKU_OK, oku_vad_results(vad, r, 7, &n));
+        for (std::size_t i = 0; i < n; ++i) {
+            os << r[i].type << " " << r[i].time_ms << " " << r[i].position << " " << r[i].speech << " "
+               << r[i].assessment << " " << r[i].peak << " " << r[i].level_dbfs << " " << r[i].snr_pct << " "
+               << r[i].frame_index << " " << r[i].sample_count;
+            for (int k = 0; k < r[i].sample_count; ++k)
+                os << " " << r[i].samples[k];
+            os << "\n";
+        }
+    } while (n == 7);
+    return os.str();
+}
+
+}  // namespace
+
+// Handles of every rate, with and without frames, fed chunks of changing
+// length (0 included) through oku_vad_process_many: each gets what its twin
+// gets from oku_vad_process with the same chunks.
+TEST(OkuMany, VadProcessManyGivesEachHandleItsOwnResults)
+{
+    const double rates[] = {8000.0, 11025.0, 16000.0, 22050.0};
+    const std::size_t n = 12;
+    std::vector<oku_vad*> many(n), one(n);
+    std::vector<oku::AudioData> audio(n);
+    std::vector<std::size_t> at(n, 0);
+    for (std::size_t i = 0; i < n; ++i) {
+        const unsigned flags = i % 2 ? OKU_VAD_AUDIO_FRAMES : 0u;
+        ASSERT_EQ(OKU_OK, oku_vad_create_ex(rates[i % 4], "", flags, &many[i]));
+        ASSERT_EQ(OKU_OK, oku_vad_create_ex(rates[i % 4], "", flags, &one[i]));
+        audio[i] = Burst(rates[i % 4]);
+    }
+    bool started = false;
+    for (std::size_t call = 0; call < 40; ++call) {
+        std::vector<const int16_t*> samples(n);
+        std::vector<std::size_t> counts(n);
+        for (std::size_t i = 0; i < n; ++i) {
+            counts[i] = std::min((call * 7 + i * 13) % 5 == 0 ? 0 : audio[i].size() / 25 + 97 * ((call + i) % 9) + 5 * i,
+                                 audio[i].size() - at[i]);
+            samples[i] = counts[i] ? audio[i].data() + at[i] : nullptr;
+            ASSERT_EQ(OKU_OK, oku_vad_process(one[i], samples[i], counts[i]));
+            at[i] += counts[i];
+        }
+        ASSERT_EQ(OKU_OK, oku_vad_process_many(many.data(), samples.data(), counts.data(), n));
+        for (std::size_t i = 0; i < n; ++i) {
+            const std::string expected = TakeAll(one[i]);
+            started |= expected.find("\n1 ") != std::string::npos || expected.compare(0, 2, "1 ") == 0;
+            ASSERT_EQ(expected, TakeAll(many[i])) << "call " << call << " handle " << i;
+        }
+    }
+    EXPECT_TRUE(started) << "the audio must hold speech";
+    EXPECT_EQ(OKU_OK, oku_vad_process_many(nullptr, nullptr, nullptr, 0));
+    for (std::size_t i = 0; i < n; ++i) {
+        oku_vad_destroy(many[i]);
+        oku_vad_destroy(one[i]);
+    }
+}
+
+// Gain controls of every rate, gains fed back in place (new_gains is gains):
+// the same gains, decisions and log lines as their own oku_agc_process calls.
+TEST(OkuMany, AgcProcessManyGivesEachHandleItsOwnGains)
+{
+    const int rates[] = {8000, 11025, 16000, 22050};
+    const std::size_t n = 8;
+    std::vector<oku_agc*> many(n), one(n);
+    std::vector<Lines> manyLog(n), oneLog(n);
+    std::vector<oku::AudioData> audio(n);
+    std::vector<std::size_t> at(n, 0);
+    std::vector<double> gains(n), oneGains(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        ASSERT_EQ(OKU_OK, oku_agc_create(rates[i % 4], "", &many[i]));
+        ASSERT_EQ(OKU_OK, oku_agc_create(rates[i % 4], "", &one[i]));
+        oku_agc_set_log(many[i], Lines::Add, &manyLog[i]);
+        oku_agc_set_log(one[i], Lines::Add, &oneLog[i]);
+        const int spf = rates[i % 4] / 50;
+        audio[i] = testsig::Tone({{60, 40.0 + 30.0 * i}, {150, 3000.0}, {60, 40.0}, {100, 30000.0}}, rates[i % 4], spf);
+        gains[i] = oneGains[i] = i == 0 ? 0.0 : 0.1 * i;
+    }
+    for (std::size_t call = 0; call < 70; ++call) {
+        std::vector<const int16_t*> samples(n);
+        std::vector<std::size_t> counts(n);
+        for (std::size_t i = 0; i < n; ++i) {
+            counts[i] = std::min((call + i) % 7 == 0 ? 0 : audio[i].size() / 50 * ((call + 2 * i) % 6), audio[i].size() - at[i]);
+            samples[i] = counts[i] ? audio[i].data() + at[i] : nullptr;
+            ASSERT_EQ(OKU_OK, oku_agc_process(one[i], samples[i], counts[i], oneGains[i], &oneGains[i]));
+            at[i] += counts[i];
+        }
+        ASSERT_EQ(OKU_OK, oku_agc_process_many(many.data(), samples.data(), counts.data(), gains.data(), gains.data(), n));
+        for (std::size_t i = 0; i < n; ++i) {
+            ASSERT_EQ(oneGains[i], gains[i]) << "call " << call << " handle " << i;
+            oku_agc_decision a, b;
+            oku_agc_info(one[i], &a);
+            oku_agc_info(many[i], &b);
+            ASSERT_EQ(0, std::memcmp(&a, &b, sizeof a)) << "call " << call << " handle " << i;
+        }
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        EXPECT_EQ(oneLog[i].lines, manyLog[i].lines) << i;
+        EXPECT_GT(oneLog[i].lines.size(), 10u);
+        oku_agc_destroy(many[i]);
+        oku_agc_destroy(one[i]);
+    }
+}
+
+// Every refusal names what is wrong, and afterwards every handle still gives
+// what a twin that never saw the refused calls gives.
+TEST(OkuMany, RefusalsGiveAStatusAndConsumeNothing)
+{
+    const oku::AudioData x = Burst(16000.0);
+    oku_vad *a = nullptr, *b = nullptr, *twin = nullptr;
+    ASSERT_EQ(OKU_OK, oku_vad_create(16000.0, "", &a));
+    ASSERT_EQ(OKU_OK, oku_vad_create(16000.0, "", &b));
+    ASSERT_EQ(OKU_OK, oku_vad_create(16000.0, "", &twin));
+    oku_vad* pair[] = {a, b};
+    oku_vad* withNull[] = {a, nullptr};
+    oku_vad* repeated[] = {a, b, a};
+    const int16_t* samples[] = {x.data(), x.data(), x.data()};
+    const int16_t* missing[] = {x.data(), nullptr};
+    const std::size_t counts[] = {x.size(), x.size(), x.size()};
+    const std::size_t huge[] = {x.size(), static_cast<std::size_t>(PTRDIFF_MAX) / 2 + 1};
+    EXPECT_EQ(OKU_ERR_NULL, oku_vad_process_many(nullptr, samples, counts, 2));
+    EXPECT_STREQ("vads is null", oku_last_error());
+    EXPECT_EQ(OKU_ERR_NULL, oku_vad_process_many(pair, nullptr, counts, 2));
+    EXPECT_EQ(OKU_ERR_NULL, oku_vad_process_many(pair, samples, nullptr, 2));
+    EXPECT_EQ(OKU_ERR_NULL, oku_vad_process_many(withNull, samples, counts, 2));
+    EXPECT_STREQ("vads[1] is null", oku_last_error());
+    EXPECT_EQ(OKU_ERR_NULL, oku_vad_process_many(pair, missing, counts, 2));
+    EXPECT_STREQ("samples[1] is null", oku_last_error());
+    EXPECT_EQ(OKU_ERR_ARGUMENT, oku_vad_process_many(pair, samples, huge, 2));
+    EXPECT_STREQ("counts[1] is larger than any array", oku_last_error());
+    EXPECT_EQ(OKU_ERR_ARGUMENT, oku_vad_process_many(repeated, samples, counts, 3));
+    EXPECT_STREQ("vads[2] repeats an earlier handle", oku_last_error());
+    ASSERT_EQ(OKU_OK, oku_vad_process_many(pair, samples, counts, 2));
+    ASSERT_EQ(OKU_OK, oku_vad_process(twin, x.data(), x.size()));
+    const std::string expected = TakeAll(twin);
+    EXPECT_EQ(expected, TakeAll(a));
+    EXPECT_EQ(expected, TakeAll(b));
+    for (oku_vad* v : {a, b, twin})
+        oku_vad_destroy(v);
+
+    oku_agc *g = nullptr, *h = nullptr, *agcTwin = nullptr;
+    ASSERT_EQ(OKU_OK, oku_agc_create(16000, "", &g));
+    ASSERT_EQ(OKU_OK, oku_agc_create(16000, "", &h));
+    ASSERT_EQ(OKU_OK, oku_agc_create(16000, "", &agcTwin));
+    oku_agc* agcs[] = {g, h};
+    oku_agc* twice[] = {h, h};
+    const double good[] = {0.5, 0.5};
+    double out[2] = {7, 7};
+    for (double bad : {-0.01, 1.5, std::nan("")}) {
+        const double gains[] = {0.5, bad};
+        EXPECT_EQ(OKU_ERR_ARGUMENT, oku_agc_process_many(agcs, samples, counts, gains, out, 2));
+        EXPECT_STREQ("gains[1] must lie in [0, 1]", oku_last_error());
+    }
+    EXPECT_EQ(OKU_ERR_NULL, oku_agc_process_many(agcs, samples, counts, nullptr, out, 2));
+    EXPECT_EQ(OKU_ERR_NULL, oku_agc_process_many(agcs, samples, counts, good, nullptr, 2));
+    EXPECT_EQ(OKU_ERR_NULL, oku_agc_process_many(agcs, missing, counts, good, out, 2));
+    EXPECT_EQ(OKU_ERR_ARGUMENT, oku_agc_process_many(agcs, samples, huge, good, out, 2));
+    EXPECT_EQ(OKU_ERR_ARGUMENT, oku_agc_process_many(twice, samples, counts, good, out, 2));
+    EXPECT_STREQ("agcs[1] repeats an earlier handle", oku_last_error());
+    EXPECT_EQ(7, out[0]);
+    EXPECT_EQ(7, out[1]);
+    double expectedGain = 0;
+    ASSERT_EQ(OKU_OK, oku_agc_process_many(agcs, samples, counts, good, out, 2));
+    ASSERT_EQ(OKU_OK, oku_agc_process(agcTwin, x.data(), x.size(), 0.5, &expectedGain));
+    EXPECT_EQ(expectedGain, out[0]);
+    EXPECT_EQ(expectedGain, out[1]);
+    oku_agc_decision d, e;
+    oku_agc_info(agcTwin, &d);
+    oku_agc_info(g, &e);
+    EXPECT_EQ(0, std::memcmp(&d, &e, sizeof d));
+    for (oku_agc* c : {g, h, agcTwin})
+        oku_agc_destroy(c);
+}

@@ -1,0 +1,314 @@
+#include "measure.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+
+#if defined(__x86_64__) || defined(__i386__)
+#define OKU_MEASURE_X86 1
+#include <immintrin.h>
+#endif
+
+namespace oku {
+
+namespace {
+
+// Samples per lane interleaved at a time.
+constexpr std::size_t kBlock = 128;
+
+// What an idle lane reads: it filters zeros from a zero state into nothing.
+const short kZeros[kBlock] = {};
+
+void MeasureScalar(FrameRun* runs, std::size_t n)
+{
+    for (std::size_t i = 0; i < n; ++i) {
+        const FrameRun& r = runs[i];
+        for (std::size_t f = 0; f < r.frames; ++f) {
+            const short* frame = r.samples + f * r.frameLength;
+            r.sums[f] = r.filter->Measure(frame, frame + r.frameLength, r.peak);
+        }
+    }
+}
+
+// Gives lane l the next run that has frames and returns 1, or makes the lane
+// idle (reading zeros with a zero filter) and returns 0.
+template <int L>
+inline int StartLane(FrameRun* runs, std::size_t n, std::size_t& next, int l, const short* (&in)[L],
+                     std::size_t (&left)[L], std::size_t (&run)[L], std::size_t (&frame)[L], int (&peak)[L],
+                     double (&z1)[L], double (&z2)[L], double (&b1)[L], double (&b2)[L], double (&a2)[L],
+                     double (&a3)[L], double (&sum)[L])
+{
+    while (next < n && runs[next].frames == 0)
+        ++next;
+    sum[l] = 0.0;
+    if (next == n) {
+        in[l] = kZeros;
+        left[l] = SIZE_MAX;
+        z1[l] = z2[l] = b1[l] = b2[l] = a2[l] = a3[l] = 0.0;
+        return 0;
+    }
+    const FrameRun& r = runs[next];
+    const HighpassFilter::Coefficients c = r.filter->GetCoefficients();
+    b1[l] = c.b1;
+    b2[l] = c.b2;
+    a2[l] = c.a2;
+    a3[l] = c.a3;
+    z1[l] = r.filter->GetZ1();
+    z2[l] = r.filter->GetZ2();
+    in[l] = r.samples;
+    left[l] = r.frameLength;
+    run[l] = next++;
+    frame[l] = 0;
+    peak[l] = r.peak ? *r.peak : 0;
+    return 1;
+}
+
+// The larger of peak and the largest absolute value of p[0..n).
+inline int RaisePeak(int peak, const short* p, std::size_t n)
+{
+    std::size_t i = 0;
+#ifdef OKU_MEASURE_X86
+    // Eight samples at a time: their largest and smallest, so that -32768
+    // needs no 16-bit absolute value.
+    __m128i most = _mm_setzero_si128(), least = _mm_setzero_si128();
+    for (; i + 8 <= n; i += 8) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i));
+        most = _mm_max_epi16(most, v);
+        least = _mm_min_epi16(least, v);
+    }
+    alignas(16) short m[8], s[8];
+    _mm_store_si128(reinterpret_cast<__m128i*>(m), most);
+    _mm_store_si128(reinterpret_cast<__m128i*>(s), least);
+    for (int j = 0; j < 8; ++j) {
+        peak = m[j] > peak ? m[j] : peak;
+        peak = -s[j] > peak ? -s[j] : peak;
+    }
+#endif
+    for (; i < n; ++i) {
+        const int a = p[i] < 0 ? -p[i] : p[i];
+        peak = a > peak ? a : peak;
+    }
+    return peak;
+}
+
+// Writes sample i of lane l, for i < k, to block[i x L + l].
+template <int L>
+inline void Interleave(const short* const (&in)[L], std::size_t k, short* block)
+{
+    std::size_t i0 = 0;
+#ifdef OKU_MEASURE_X86
+    if constexpr (L % 4 == 0) {
+        // Four lanes by eight samples at a time: two rounds of unpacking
+        // turn four rows of samples into eight rows of four lanes.
+        for (; i0 + 8 <= k; i0 += 8) {
+            for (int l = 0; l < L; l += 4) {
+                const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in[l] + i0));
+                const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in[l + 1] + i0));
+                const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in[l + 2] + i0));
+                const __m128i d = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in[l + 3] + i0));
+                const __m128i abLow = _mm_unpacklo_epi16(a, b), abHigh = _mm_unpackhi_epi16(a, b);
+                const __m128i cdLow = _mm_unpacklo_epi16(c, d), cdHigh = _mm_unpackhi_epi16(c, d);
+                const __m128i rows[4] = {_mm_unpacklo_epi32(abLow, cdLow), _mm_unpackhi_epi32(abLow, cdLow),
+                                         _mm_unpacklo_epi32(abHigh, cdHigh), _mm_unpackhi_epi32(abHigh, cdHigh)};
+                short* to = block + i0 * L + static_cast<std::size_t>(l);
+                for (int r = 0; r < 4; ++r) {
+                    _mm_storel_epi64(reinterpret_cast<__m128i*>(to + (2 * r) * L), rows[r]);
+                    _mm_storel_epi64(reinterpret_cast<__m128i*>(to + (2 * r + 1) * L), _mm_unpackhi_epi64(rows[r], rows[r]));
+                }
+            }
+        }
+    }
+#endif
+    for (int l = 0; l < L; ++l) {
+        const short* p = in[l];
+        for (std::size_t i = i0; i < k; ++i)
+            block[i * L + static_cast<std::size_t>(l)] = p[i];
+    }
+}
+
+// 1.5 x 2^52: adding it to a double under 2^51 in magnitude and taking it
+// away again rounds the double to an integer.
+constexpr double kRoundingBias = 6755399441055744.0;
+
+#ifdef OKU_MEASURE_X86
+
+namespace lanes2 {
+// SSE2, which every x86-64 processor has: two lanes per vector.
+struct Ops {
+    static constexpr int W = 2, MaxGroups = 4;
+    typedef __m128d V;
+    static V Load(const short* p)
+    {
+        int pair;
+        std::memcpy(&pair, p, sizeof pair);
+        const __m128i x = _mm_cvtsi32_si128(pair);
+        return _mm_cvtepi32_pd(_mm_srai_epi32(_mm_unpacklo_epi16(x, x), 16));
+    }
+    static V Min(V x, V y) { return _mm_min_pd(x, y); }
+    static V Max(V x, V y) { return _mm_max_pd(x, y); }
+    // floor: rounded to an integer, less one where that lies above y.
+    static V Floor(V y)
+    {
+        const V bias = _mm_set1_pd(kRoundingBias);
+        const V r = _mm_sub_pd(_mm_add_pd(y, bias), bias);
+        return _mm_sub_pd(r, _mm_and_pd(_mm_cmpgt_pd(r, y), _mm_set1_pd(1.0)));
+    }
+};
+#include "measurelanes.inc"
+}  // namespace lanes2
+
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
+#else
+#pragma GCC push_options
+#pragma GCC target("avx2")
+#endif
+namespace avx2 {
+struct Ops {
+    static constexpr int W = 4, MaxGroups = 4;
+    typedef __m256d V;
+    static V Load(const short* p)
+    {
+        return _mm256_cvtepi32_pd(_mm_cvtepi16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
+    }
+    static V Min(V x, V y) { return _mm256_min_pd(x, y); }
+    static V Max(V x, V y) { return _mm256_max_pd(x, y); }
+    static V Floor(V y) { return _mm256_round_pd(y, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
+};
+#include "measurelanes.inc"
+}  // namespace avx2
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
+#pragma GCC pop_options
+#endif
+
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx512f"))), apply_to = function)
+#else
+#pragma GCC push_options
+#pragma GCC target("avx512f")
+#endif
+namespace avx512 {
+// (The masked forms with every lane selected give what the plain forms give;
+// the plain forms' undefined pass-through operand makes GCC 12 warn.)
+struct Ops {
+    static constexpr int W = 8, MaxGroups = 2;
+    typedef __m512d V;
+    static V Load(const short* p)
+    {
+        const __m256i x = _mm256_cvtepi16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+        return _mm512_mask_cvtepi32_pd(_mm512_setzero_pd(), 0xFF, x);
+    }
+    static V Min(V x, V y) { return _mm512_mask_min_pd(x, 0xFF, x, y); }
+    static V Max(V x, V y) { return _mm512_mask_max_pd(x, 0xFF, x, y); }
+    static V Floor(V y) { return _mm512_mask_roundscale_pd(y, 0xFF, y, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
+};
+#include "measurelanes.inc"
+}  // namespace avx512
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
+#pragma GCC pop_options
+#endif
+
+#else  // not x86: the compiler's generic vectors, two lanes
+
+namespace lanes2 {
+struct Ops {
+    static constexpr int W = 2, MaxGroups = 4;
+    typedef double V __attribute__((vector_size(2 * sizeof(double))));
+    typedef std::int64_t I __attribute__((vector_size(2 * sizeof(double))));
+    static V Load(const short* p) { return V{static_cast<double>(p[0]), static_cast<double>(p[1])}; }
+    static V Min(V x, V y) { return x < y ? x : y; }
+    static V Max(V x, V y) { return x > y ? x : y; }
+    static V Floor(V y)
+    {
+        const V bias = V{} + kRoundingBias;
+        const V r = (y + bias) - bias;
+        return r - (V)((I)(V{} + 1.0) & (I)(r > y));
+    }
+};
+#include "measurelanes.inc"
+}  // namespace lanes2
+
+#endif
+
+bool Supported(MeasureIsa isa)
+{
+    switch (isa) {
+    case MeasureIsa::Scalar:
+    case MeasureIsa::Lanes2:
+        return true;
+    case MeasureIsa::Avx2:
+#ifdef OKU_MEASURE_X86
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx2");
+#else
+        return false;
+#endif
+    case MeasureIsa::Avx512:
+#ifdef OKU_MEASURE_X86
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx512f");
+#else
+        return false;
+#endif
+    }
+    return false;
+}
+
+MeasureIsa Widest()
+{
+    for (MeasureIsa isa : {MeasureIsa::Avx512, MeasureIsa::Avx2})
+        if (Supported(isa))
+            return isa;
+    return MeasureIsa::Lanes2;
+}
+
+std::atomic<MeasureIsa>& Chosen()
+{
+    static std::atomic<MeasureIsa> isa{Widest()};
+    return isa;
+}
+
+}  // namespace
+
+MeasureIsa GetMeasureIsa() { return Chosen().load(std::memory_order_relaxed); }
+
+bool SetMeasureIsa(MeasureIsa isa)
+{
+    if (!Supported(isa))
+        return false;
+    Chosen().store(isa, std::memory_order_relaxed);
+    return true;
+}
+
+void MeasureRuns(FrameRun* runs, std::size_t n)
+{
+    // A single run has no partner to share the lanes with.
+    const MeasureIsa isa = n < 2 ? MeasureIsa::Scalar : GetMeasureIsa();
+    switch (isa) {
+    case MeasureIsa::Scalar:
+        MeasureScalar(runs, n);
+        return;
+    case MeasureIsa::Lanes2:
+        lanes2::Measure(runs, n);
+        return;
+    case MeasureIsa::Avx2:
+#ifdef OKU_MEASURE_X86
+        avx2::Measure(runs, n);
+        return;
+#endif
+        break;
+    case MeasureIsa::Avx512:
+#ifdef OKU_MEASURE_X86
+        avx512::Measure(runs, n);
+        return;
+#endif
+        break;
+    }
+    MeasureScalar(runs, n);
+}
+
+}  // namespace oku

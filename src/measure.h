@@ -1,0 +1,76 @@
+// oku: measuring the frames of many streams side by side.
+#ifndef OKU_MEASURE_H
+#define OKU_MEASURE_H
+
+#include <algorithm>
+#include <cstddef>
+#include <functional>
+#include <utility>
+#include <vector>
+
+#include "highpassfilter.h"
+
+namespace oku {
+
+// Whole frames of one stream waiting to be measured by the stream's filter.
+struct FrameRun {
+    HighpassFilter* filter;
+    const short* samples;     // frames x frameLength samples
+    std::size_t frames;
+    std::size_t frameLength;  // at least 1
+    double* sums;             // receives one sum per frame
+    int* peak;                // when not null, raised to the largest absolute sample
+};
+
+// Measures every run exactly as calling run.filter->Measure(frame, frame +
+// frameLength, run.peak) on each of its frames in turn would: the same sums,
+// peaks and filter states, bit for bit. One filter's recursion is a chain of
+// dependent operations that keeps the processor waiting; the recursions of
+// different runs are independent, so they are run side by side in the lanes
+// of the processor's vector registers, each lane doing the scalar code's
+// operations in the scalar code's order (no contraction, no reordering), and
+// an idle lane taking the next run. Every filter must belong to one run only.
+void MeasureRuns(FrameRun* runs, std::size_t n);
+
+// How MeasureRuns runs the recursions: one run after the other (Scalar), in
+// two lanes per vector with the baseline instruction set of the build
+// (Lanes2: SSE2 on x86-64, NEON on 64-bit ARM, whatever the compiler makes
+// of it elsewhere), or in four lanes with AVX2 (x86 only). By default the
+// widest the processor offers, chosen once at run time; the build never
+// assumes more than the baseline.
+enum class MeasureIsa { Scalar, Lanes2, Avx2, Avx512 };
+
+// The way MeasureRuns runs now.
+MeasureIsa GetMeasureIsa();
+// Makes MeasureRuns run a given way, for tests and benchmarks that compare
+// them; false (and nothing changes) when the processor cannot. Process-wide.
+bool SetMeasureIsa(MeasureIsa isa);
+
+// The index of the first entry of p[0..n) that repeats an earlier one, or n
+// when all differ. May throw std::bad_alloc for long lists.
+template <typename T>
+std::size_t FindRepeat(T* const* p, std::size_t n)
+{
+    if (n <= 32) {
+        for (std::size_t i = 1; i < n; ++i)
+            for (std::size_t j = 0; j < i; ++j)
+                if (p[i] == p[j])
+                    return i;
+        return n;
+    }
+    std::vector<std::pair<T*, std::size_t>> sorted(n);
+    for (std::size_t i = 0; i < n; ++i)
+        sorted[i] = {p[i], i};
+    std::sort(sorted.begin(), sorted.end(), [](const std::pair<T*, std::size_t>& a, const std::pair<T*, std::size_t>& b) {
+        return std::less<T*>()(a.first, b.first) || (a.first == b.first && a.second < b.second);
+    });
+    std::size_t first = n;
+    for (std::size_t i = 1; i < n; ++i)
+        if (sorted[i].first == sorted[i - 1].first)
+            first = std::min(first, sorted[i].second);
+    return first;
+}
+
+}  // namespace oku
+
+#endif
