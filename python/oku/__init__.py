@@ -6,6 +6,7 @@
     ...         print(seg.start_ms, seg.end_ms)
     >>> vad = oku.Vad(16000)
     >>> results = vad.process(chunk)                     # or chunk by chunk
+    >>> per_stream = oku.process_many(vads, chunks)      # many analyzers in one call
     >>> agc = oku.Agc(16000)
     >>> gain, decision = agc.process(chunk, gain)        # the gain to apply next, and why
 
@@ -27,10 +28,10 @@ from ._agc import Agc, Decision
 from ._facts import (ASSESSMENTS, CONTROLS, RATES, RESULT_TYPES, Setting, __version__, check_params,
                      gain_from_volume, nearest_rate, settings, volume_from_gain)
 from ._lib import LIBRARY_PATH, OkuError
-from ._vad import Frame, Result, Segment, SpeechEnd, SpeechStart, Vad, Volume, to_segments
+from ._vad import Frame, Result, Segment, SpeechEnd, SpeechStart, Vad, Volume, process_many, to_segments
 
 __all__ = [
-    "Vad", "Agc",
+    "Vad", "Agc", "process_many",
     "SpeechStart", "SpeechEnd", "Volume", "Frame", "Result", "Segment", "Decision", "to_segments",
     "RATES", "RESULT_TYPES", "ASSESSMENTS", "CONTROLS", "nearest_rate",
     "Setting", "settings", "check_params", "gain_from_volume", "volume_from_gain",

@@ -102,6 +102,7 @@ SIGNATURES: Dict[str, Tuple[Any, List[Any]]] = {
     "oku_params_entries": (_c_int, [_c_char_p, PARAMS_FN, ctypes.c_void_p]),
     "oku_vad_create_ex": (_c_int, [_c_double, _c_char_p, ctypes.c_uint, ctypes.POINTER(_handle)]),
     "oku_vad_process": (_c_int, [_handle, _samples, _c_size_t]),
+    "oku_vad_process_many": (_c_int, [ctypes.POINTER(_handle), ctypes.POINTER(_samples), _size_p, _c_size_t]),
     "oku_vad_results": (_c_int, [_handle, ctypes.POINTER(VadResult), _c_size_t, _size_p]),
     "oku_vad_flush": (_c_int, [_handle]),
     "oku_vad_reset": (_c_int, [_handle]),

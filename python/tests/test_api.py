@@ -189,6 +189,49 @@ class LifetimeTest(unittest.TestCase):
         self.assertEqual(serial, results)
 
 
+class ProcessManyTest(unittest.TestCase):
+    def test_each_analyzer_gets_what_its_own_process_gives(self):
+        rates = (8000, 11025, 16000, 22050, 16000)
+        many = [oku.Vad(rate, frames=(i == 4)) for i, rate in enumerate(rates)]
+        one = [oku.Vad(rate, frames=(i == 4)) for i, rate in enumerate(rates)]
+        audio = [signal(rate, BURSTS, 6.0) for rate in rates]
+        at, starts = [0] * len(rates), 0
+        for call in range(40):
+            chunks = []
+            for i, rate in enumerate(rates):
+                n = 0 if (call + i) % 6 == 0 else rate // 10 + 37 * ((call * 3 + i) % 11)
+                chunk = audio[i][at[i]:at[i] + n]
+                chunks.append(numpy.array(chunk, dtype=numpy.int16) if numpy is not None and i == 1 else chunk)
+                at[i] += len(chunk)
+            got = oku.process_many(many, chunks)
+            want = [vad.process(chunk) for vad, chunk in zip(one, chunks)]
+            self.assertEqual(want, got, "call %d" % call)
+            starts += sum(isinstance(r, oku.SpeechStart) for results in got for r in results)
+        self.assertGreater(starts, 0)
+        self.assertEqual([], oku.process_many([], []))
+
+    def test_refusals_take_nothing(self):
+        samples = signal(16000, BURSTS, 2.0)
+        a, b, twin = oku.Vad(16000), oku.Vad(16000), oku.Vad(16000)
+        closed = oku.Vad(16000)
+        closed.close()
+        self.assertIn("one chunk per analyzer", str(self.assertRaisesValue(oku.process_many, [a, b], [samples])))
+        self.assertIn("vads[1] is vads[0]", str(self.assertRaisesValue(oku.process_many, [a, a], [samples] * 2)))
+        self.assertIn("closed", str(self.assertRaisesValue(oku.process_many, [a, closed], [samples] * 2)))
+        self.assertRaisesValue(oku.process_many, [a, b], [samples, [1, 2, 70000]])
+        with self.assertRaises(TypeError):
+            oku.process_many([a, oku.Agc(16000)], [samples] * 2)
+        with self.assertRaises(TypeError):
+            oku.process_many([a, b], [samples, "audio"])
+        want = twin.process(samples)
+        self.assertEqual([want, want], oku.process_many([a, b], [samples, samples]))
+
+    def assertRaisesValue(self, call, *args):
+        with self.assertRaises(ValueError) as caught:
+            call(*args)
+        return caught.exception
+
+
 class FactsTest(unittest.TestCase):
     def test_conversions_as_the_library_states_them(self):
         gain = oku.gain_from_volume(40000, 65535)
