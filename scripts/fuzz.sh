@@ -13,7 +13,7 @@ CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithD
 cmake --build "$build" -j "$(nproc)"
 mkdir -p fuzz/findings
 status=0
-for target in vad_api_fuzz agc_api_fuzz params_fuzz; do
+for target in vad_api_fuzz agc_api_fuzz params_fuzz many_fuzz; do
   work=$(mktemp -d)
   dict=()
   [ -f "fuzz/$target.dict" ] && dict=(-dict="fuzz/$target.dict")
