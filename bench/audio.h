@@ -36,12 +36,6 @@ const char* Name(Content content);
 // same on every call and every machine with the same libsoxr. Cached.
 const std::vector<short>& Audio(Content content, int rate, double seconds = 60.0);
 
-// Speech with noise (Content::SpeechNoise) at `rate`, looped to at least `seconds`.
-inline const std::vector<short>& Speech(int rate, double seconds = 60.0)
-{
-    return Audio(Content::SpeechNoise, rate, seconds);
-}
-
 }  // namespace okubench
 
 #endif
