@@ -35,6 +35,8 @@ struct oku_vad {
     oku_vad(const char* params, double samplingRate, bool supplyFrames)
         : analyzer(params ? params : "", samplingRate, supplyFrames), rate(samplingRate), frames(supplyFrames)
     {
+        // Frames are handed out only when asked for; otherwise they are not made at all.
+        analyzer.SetFrameResults(supplyFrames);
     }
 };
 

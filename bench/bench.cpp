@@ -19,15 +19,21 @@
 #endif
 
 #include <cmath>
+#include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agc.h"
 #include "audio.h"
 #include "audioanalyzer.h"
+#include "measure.h"
+#include "oku.h"
 #include "okuvad.h"
 #include "peers.h"
+#include "rates.h"
 
 using okubench::Audio;
 using okubench::Content;
@@ -110,13 +116,8 @@ private:
 void Kernel(benchmark::State& state, Content content, int rate, bool flush)
 {
     const std::vector<short>& x = Audio(content, rate);
-    double b1, b2, a2, a3;
-    switch (rate) {
-    case 8000: b1 = 0.8399; b2 = -1.6796; a2 = -1.8787; a3 = 0.8905; break;
-    case 11025: b1 = 0.8539; b2 = -1.7077; a2 = -1.9129; a3 = 0.9193; break;
-    case 16000: b1 = 0.8655; b2 = -1.7309; a2 = -1.9406; a3 = 0.9436; break;
-    default: b1 = 0.8725; b2 = -1.7450; a2 = -1.9572; a3 = 0.9588; break;
-    }
+    const oku::SupportedRate& c = *oku::FindRate(rate);
+    const double b1 = c.b1, b2 = c.b2, a2 = c.a2, a3 = c.a3;
     const std::size_t frame = static_cast<std::size_t>(rate / 50);
     if (flush && !FlushSubnormals::Available())
         state.SetLabel("subnormals not flushed: no MXCSR on this processor");
@@ -216,6 +217,132 @@ void AgcClass(benchmark::State& state, Content content, int rate, int chunkMs)
         benchmark::DoNotOptimize(gain);
     }
     Count(state, x.size() / chunk * chunk, rate);
+}
+
+// Many streams: `streams` analyzers at `rate`, each on its own stretch of
+// speech with noise (stream i starts 3.7 x i seconds in), fed chunks of
+// chunkMs and drained as a host drains them. Items are stream-samples.
+struct Streams {
+    std::vector<std::vector<short>> audio;
+    std::size_t chunk, length;
+
+    Streams(int rate, int streams, int chunkMs)
+        : chunk(static_cast<std::size_t>(rate * chunkMs / 1000))
+    {
+        const std::vector<short>& x = Audio(Content::SpeechNoise, rate);
+        length = x.size() / chunk * chunk;
+        for (int i = 0; i < streams; ++i) {
+            const std::size_t start = static_cast<std::size_t>(3.7 * i * rate) % x.size();
+            std::vector<short> a(x.begin() + static_cast<long>(start), x.end());
+            a.insert(a.end(), x.begin(), x.begin() + static_cast<long>(start));
+            audio.push_back(std::move(a));
+        }
+    }
+};
+
+void Drain(oku_vad* vad)
+{
+    oku_vad_result r[16];
+    std::size_t n;
+    do {
+        oku_vad_results(vad, r, 16, &n);
+        benchmark::DoNotOptimize(r[0].type);
+    } while (n == 16);
+}
+
+// Through oku_vad_process_many (`many`), or oku_vad_process for one handle
+// after the other.
+void VadStreams(benchmark::State& state, int rate, int streams, int chunkMs, bool many)
+{
+    const Streams s(rate, streams, chunkMs);
+    const std::size_t n = static_cast<std::size_t>(streams);
+    std::vector<oku_vad*> vads(n);
+    std::vector<const int16_t*> samples(n);
+    const std::vector<std::size_t> counts(n, s.chunk);
+    for (auto _ : state) {
+        for (oku_vad*& v : vads)
+            oku_vad_create(rate, nullptr, &v);
+        for (std::size_t at = 0; at < s.length; at += s.chunk) {
+            if (many) {
+                for (std::size_t i = 0; i < n; ++i)
+                    samples[i] = s.audio[i].data() + at;
+                oku_vad_process_many(vads.data(), samples.data(), counts.data(), n);
+            } else {
+                for (std::size_t i = 0; i < n; ++i)
+                    oku_vad_process(vads[i], s.audio[i].data() + at, s.chunk);
+            }
+            for (oku_vad* v : vads)
+                Drain(v);
+        }
+        for (oku_vad* v : vads)
+            oku_vad_destroy(v);
+    }
+    Count(state, s.length * n, rate * streams);
+}
+
+// The classes' ProcessMany run a given way (the handle API always takes the
+// widest the processor has), to show what each way gives: lanes2 is what a
+// processor with only SSE2 runs.
+void VadStreamsWay(benchmark::State& state, int rate, int streams, int chunkMs, oku::MeasureIsa way)
+{
+    const oku::MeasureIsa before = oku::GetMeasureIsa();
+    if (!oku::SetMeasureIsa(way)) {
+        state.SkipWithError("this processor cannot run this way");
+        return;
+    }
+    const Streams s(rate, streams, chunkMs);
+    const std::size_t n = static_cast<std::size_t>(streams);
+    std::vector<const short*> samples(n);
+    const std::vector<std::size_t> counts(n, s.chunk);
+    for (auto _ : state) {
+        std::vector<std::unique_ptr<oku::AudioAnalyzer>> owned;
+        std::vector<oku::AudioAnalyzer*> analyzers;
+        for (std::size_t i = 0; i < n; ++i) {
+            owned.emplace_back(new oku::AudioAnalyzer("", rate, false));
+            analyzers.push_back(owned.back().get());
+        }
+        oku::AnalyzerResultPtr r;
+        for (std::size_t at = 0; at < s.length; at += s.chunk) {
+            for (std::size_t i = 0; i < n; ++i)
+                samples[i] = s.audio[i].data() + at;
+            oku::AudioAnalyzer::ProcessMany(analyzers.data(), samples.data(), counts.data(), n);
+            for (oku::AudioAnalyzer* a : analyzers)
+                while (a->GetResult(r))
+                    benchmark::DoNotOptimize(r->GetType());
+        }
+    }
+    oku::SetMeasureIsa(before);
+    Count(state, s.length * n, rate * streams);
+}
+
+// Gain controls through oku_agc_process_many, the gains fed back.
+void AgcStreams(benchmark::State& state, int rate, int streams, int chunkMs, bool many)
+{
+    const Streams s(rate, streams, chunkMs);
+    const std::size_t n = static_cast<std::size_t>(streams);
+    std::vector<oku_agc*> agcs(n);
+    std::vector<const int16_t*> samples(n);
+    const std::vector<std::size_t> counts(n, s.chunk);
+    std::vector<double> gains(n);
+    for (auto _ : state) {
+        for (oku_agc*& a : agcs)
+            oku_agc_create(rate, nullptr, &a);
+        std::fill(gains.begin(), gains.end(), 0.3);
+        for (std::size_t at = 0; at < s.length; at += s.chunk) {
+            if (many) {
+                for (std::size_t i = 0; i < n; ++i)
+                    samples[i] = s.audio[i].data() + at;
+                oku_agc_process_many(agcs.data(), samples.data(), counts.data(), gains.data(), gains.data(), n);
+            } else {
+                for (std::size_t i = 0; i < n; ++i)
+                    oku_agc_process(agcs[i], s.audio[i].data() + at, s.chunk, gains[i], &gains[i]);
+            }
+        }
+        benchmark::DoNotOptimize(gains.data());
+        for (oku_agc* a : agcs)
+            oku_agc_destroy(a);
+    }
+    Count(state, s.length * n, rate * streams);
 }
 
 void WebRtcVad(benchmark::State& state, Content content, int rate)
@@ -342,6 +469,25 @@ int main(int argc, char** argv)
     benchmark::RegisterBenchmark(name("agc_exported_1h", speech, 16000, "20ms").c_str(), AgcExported, speech, 16000, 20,
                                  3600.0)
         ->Iterations(1);
+    // Many streams per call against one call after another, 20 ms chunks.
+    for (int streams : {4, 16, 64}) {
+        const std::string n = "/16000/" + std::to_string(streams);
+        benchmark::RegisterBenchmark(("many" + n).c_str(), VadStreams, 16000, streams, 20, true);
+        benchmark::RegisterBenchmark(("one_by_one" + n).c_str(), VadStreams, 16000, streams, 20, false);
+    }
+    for (int rate : {8000, 22050}) {
+        const std::string n = "/" + std::to_string(rate) + "/16";
+        benchmark::RegisterBenchmark(("many" + n).c_str(), VadStreams, rate, 16, 20, true);
+        benchmark::RegisterBenchmark(("one_by_one" + n).c_str(), VadStreams, rate, 16, 20, false);
+    }
+    const std::pair<const char*, oku::MeasureIsa> ways[] = {{"scalar", oku::MeasureIsa::Scalar},
+                                                            {"lanes2", oku::MeasureIsa::Lanes2},
+                                                            {"avx2", oku::MeasureIsa::Avx2}};
+    for (const auto& way : ways)
+        benchmark::RegisterBenchmark((std::string("many_way/16000/16/") + way.first).c_str(), VadStreamsWay, 16000,
+                                     16, 20, way.second);
+    benchmark::RegisterBenchmark("agc_many/16000/16", AgcStreams, 16000, 16, 20, true);
+    benchmark::RegisterBenchmark("agc_one_by_one/16000/16", AgcStreams, 16000, 16, 20, false);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

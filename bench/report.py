@@ -7,7 +7,7 @@ repetitions are used when the run has them. Kernel ratio: time per sample over
 the reference kernel's on the same audio (lower is better); peer ratio: the
 peer's time per sample over ours (higher is better). Prints, in turn: a table
 per content and rate, the chunk sizes on speech with noise, the stream lengths,
-"many/RATE/STREAMS" rows when the run has them, and the goals. Cases it does
+the many-streams rows, and the goals. Cases it does
 not know are left out of the tables. Exit status 1 when a goal is not met or
 could not be measured.
 """
@@ -137,23 +137,24 @@ def stream_table(run):
 
 
 def many_table(run):
-    """Rows many/RATE/STREAMS: ns per sample of one stream, from the counter
-    per_stream_sample_ns when the case sets it, else from items per second
-    counting the samples of every stream."""
-    many = []
-    for name, row in run.rows.items():
+    """Many streams per call: ns per stream-sample of oku_vad_process_many
+    ("many"), of one oku_vad_process call after another ("one_by_one"), of the
+    classes' ProcessMany run each way ("many_way"), and of the gain control's
+    ("agc_many", "agc_one_by_one"), over the single-stream kernel at the same
+    rate (speech with noise)."""
+    rows = []
+    for name in sorted(run.rows, key=lambda n: (n.split("/")[0], [int(p) if p.isdigit() else p for p in n.split("/")[1:]])):
         parts = name.split("/")
-        if parts[0] != "many" or len(parts) < 3 or not parts[1].isdigit() or not parts[2].isdigit():
+        if parts[0] not in ("many", "one_by_one", "many_way", "agc_many", "agc_one_by_one") or len(parts) < 3:
             continue
-        run.used.add(name)
-        value = row["counters"].get("per_stream_sample_ns", row["ns"])
-        many.append((int(parts[1]), int(parts[2]), value))
-    if not many:
+        value = run.ns(*parts)
+        rows.append("| %s | %s | %s | %s | %.2f | %s |" % (parts[0], parts[1], parts[2], parts[3] if len(parts) > 3 else "",
+                                                         value, fmt(ratio(value, run.kernel("speech_noise", parts[1])))))
+    if not rows:
         return False
-    print("| many streams: rate | streams | ns per stream-sample |")
-    print("|---:|---:|---:|")
-    for rate, streams, value in sorted(many):
-        print("| %d | %d | %.2f |" % (rate, streams, value))
+    print("| many streams | rate | streams | way | ns per stream-sample | over the kernel |")
+    print("|---|---:|---:|---|---:|---:|")
+    print("\n".join(rows))
     return True
 
 
@@ -181,6 +182,11 @@ def goals(run):
         for rate in PEER_RATES:
             goals.append(("WebRTC analog AGC / ours, %s %s Hz: >= 2.5" % (content, rate),
                           ratio(run.ns("webrtc_agc", content, rate), run.gain(content, rate)), lambda v: v >= 2.5))
+    kernel = run.kernel("speech_noise", "16000")
+    goals.append(("16 analyzers, 16000 Hz, 20 ms, oku_vad_process_many: <= 0.35 x kernel",
+                  ratio(run.ns("many", "16000", "16"), kernel), lambda v: v <= 0.35))
+    goals.append(("the same, two lanes (what a processor with only SSE2 runs): <= 0.5 x kernel",
+                  ratio(run.ns("many_way", "16000", "16", "lanes2"), kernel), lambda v: v <= 0.5))
     failed = 0
     for text, value, ok in goals:
         if value is None:

@@ -284,6 +284,11 @@ void AudioAnalyzer::GenerateFrameResults(long long index)
     // timeout would otherwise run emission ahead of the audio. (The index is
     // formed in 64 bits: frame number minus a negative setting may pass INT_MAX.)
     index = std::min<long long>(index, _writeIndex - 1);
+    if (!_frameResults) {
+        if (_frameIndex <= index)
+            _frameIndex = static_cast<int>(index + 1);
+        return;
+    }
     const bool isSpeech = _state == Speech;
     while (_frameIndex <= index) {
         const AudioData* frame = _supplyFrameData ? &_audioFrames[_frameIndex % kRingSize] : nullptr;
@@ -296,8 +301,9 @@ double AudioAnalyzer::GenerateLeftoverFrame()
 {
     const std::size_t n = _audioBuffer.size();
     if (n > 0) {
-        _resultDeque.push_back(std::make_shared<AnalyzerAudioFrame>(
-            _frameIndex, _state == Speech, _supplyFrameData ? &_audioBuffer : nullptr));
+        if (_frameResults)
+            _resultDeque.push_back(std::make_shared<AnalyzerAudioFrame>(
+                _frameIndex, _state == Speech, _supplyFrameData ? &_audioBuffer : nullptr));
         _audioBuffer.clear();
     }
     return static_cast<double>(n) / _samplingRate * 1000;

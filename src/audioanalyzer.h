@@ -193,6 +193,10 @@ public:
     void Flush();
     bool GetResult(AnalyzerResultPtr& p);
     void SetEOSTimeout(int timeoutMs);
+    // Whether frames are queued as AnalyzerAudioFrame results (on after
+    // construction). A caller that never reads them switches them off to save
+    // their allocation; every other result stays exactly as it is.
+    void SetFrameResults(bool on) { _frameResults = on; }
     int GetEOSTimeout() const { return _eosTimeoutMs; }
     int GetSamplesPerFrame() const { return _samplesPerFrame; }
     double GetFrameSizeMs() const { return _frameSizeMs; }
@@ -265,6 +269,7 @@ private:
     AudioData _audioBuffer;
     ResultQueue _resultDeque;  // results waiting to be taken, oldest first
     std::vector<double> _frameSums;  // the measurements of a ProcessMany call, reused
+    bool _frameResults = true;
 };
 
 }  // namespace oku

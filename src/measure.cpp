@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <cstring>
 
-#if defined(__x86_64__) || defined(__i386__)
+// OKU_MEASURE_GENERIC builds only the portable lanes, as on other processors
+// (to test them on x86).
+#if (defined(__x86_64__) || defined(__i386__)) && !defined(OKU_MEASURE_GENERIC)
 #define OKU_MEASURE_X86 1
 #include <immintrin.h>
 #endif
@@ -93,13 +95,14 @@ inline int RaisePeak(int peak, const short* p, std::size_t n)
 
 // Writes sample i of lane l, for i < k, to block[i x L + l].
 template <int L>
-inline void Interleave(const short* const (&in)[L], std::size_t k, short* block)
+inline void Interleave(const short* const (&in)[L], std::size_t k, std::int32_t* block)
 {
     std::size_t i0 = 0;
 #ifdef OKU_MEASURE_X86
     if constexpr (L % 4 == 0) {
-        // Four lanes by eight samples at a time: two rounds of unpacking
-        // turn four rows of samples into eight rows of four lanes.
+        // Four lanes by eight samples at a time: two rounds of unpacking turn
+        // four rows of samples into rows of four lanes, which a last unpack
+        // with a shift widens to 32 bits.
         for (; i0 + 8 <= k; i0 += 8) {
             for (int l = 0; l < L; l += 4) {
                 const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in[l] + i0));
@@ -108,12 +111,14 @@ inline void Interleave(const short* const (&in)[L], std::size_t k, short* block)
                 const __m128i d = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in[l + 3] + i0));
                 const __m128i abLow = _mm_unpacklo_epi16(a, b), abHigh = _mm_unpackhi_epi16(a, b);
                 const __m128i cdLow = _mm_unpacklo_epi16(c, d), cdHigh = _mm_unpackhi_epi16(c, d);
-                const __m128i rows[4] = {_mm_unpacklo_epi32(abLow, cdLow), _mm_unpackhi_epi32(abLow, cdLow),
-                                         _mm_unpacklo_epi32(abHigh, cdHigh), _mm_unpackhi_epi32(abHigh, cdHigh)};
-                short* to = block + i0 * L + static_cast<std::size_t>(l);
+                const __m128i pairs[4] = {_mm_unpacklo_epi32(abLow, cdLow), _mm_unpackhi_epi32(abLow, cdLow),
+                                          _mm_unpacklo_epi32(abHigh, cdHigh), _mm_unpackhi_epi32(abHigh, cdHigh)};
+                std::int32_t* to = block + i0 * L + static_cast<std::size_t>(l);
                 for (int r = 0; r < 4; ++r) {
-                    _mm_storel_epi64(reinterpret_cast<__m128i*>(to + (2 * r) * L), rows[r]);
-                    _mm_storel_epi64(reinterpret_cast<__m128i*>(to + (2 * r + 1) * L), _mm_unpackhi_epi64(rows[r], rows[r]));
+                    const __m128i first = _mm_srai_epi32(_mm_unpacklo_epi16(pairs[r], pairs[r]), 16);
+                    const __m128i second = _mm_srai_epi32(_mm_unpackhi_epi16(pairs[r], pairs[r]), 16);
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(to + (2 * r) * L), first);
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(to + (2 * r + 1) * L), second);
                 }
             }
         }
@@ -126,32 +131,21 @@ inline void Interleave(const short* const (&in)[L], std::size_t k, short* block)
     }
 }
 
-// 1.5 x 2^52: adding it to a double under 2^51 in magnitude and taking it
-// away again rounds the double to an integer.
-constexpr double kRoundingBias = 6755399441055744.0;
-
 #ifdef OKU_MEASURE_X86
 
 namespace lanes2 {
 // SSE2, which every x86-64 processor has: two lanes per vector.
 struct Ops {
-    static constexpr int W = 2, MaxGroups = 4;
+    static constexpr int W = 2, MaxGroups = 2;
     typedef __m128d V;
-    static V Load(const short* p)
-    {
-        int pair;
-        std::memcpy(&pair, p, sizeof pair);
-        const __m128i x = _mm_cvtsi32_si128(pair);
-        return _mm_cvtepi32_pd(_mm_srai_epi32(_mm_unpacklo_epi16(x, x), 16));
-    }
+    static V Load(const std::int32_t* p) { return _mm_cvtepi32_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))); }
     static V Min(V x, V y) { return _mm_min_pd(x, y); }
     static V Max(V x, V y) { return _mm_max_pd(x, y); }
-    // floor: rounded to an integer, less one where that lies above y.
+    // floor: truncated, less one where that lies above y (|y| < 2^31 here).
     static V Floor(V y)
     {
-        const V bias = _mm_set1_pd(kRoundingBias);
-        const V r = _mm_sub_pd(_mm_add_pd(y, bias), bias);
-        return _mm_sub_pd(r, _mm_and_pd(_mm_cmpgt_pd(r, y), _mm_set1_pd(1.0)));
+        const V t = _mm_cvtepi32_pd(_mm_cvttpd_epi32(y));
+        return _mm_sub_pd(t, _mm_and_pd(_mm_cmpgt_pd(t, y), _mm_set1_pd(1.0)));
     }
 };
 #include "measurelanes.inc"
@@ -165,12 +159,9 @@ struct Ops {
 #endif
 namespace avx2 {
 struct Ops {
-    static constexpr int W = 4, MaxGroups = 4;
+    static constexpr int W = 4, MaxGroups = 2;
     typedef __m256d V;
-    static V Load(const short* p)
-    {
-        return _mm256_cvtepi32_pd(_mm_cvtepi16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
-    }
+    static V Load(const std::int32_t* p) { return _mm256_cvtepi32_pd(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))); }
     static V Min(V x, V y) { return _mm256_min_pd(x, y); }
     static V Max(V x, V y) { return _mm256_max_pd(x, y); }
     static V Floor(V y) { return _mm256_round_pd(y, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
@@ -183,45 +174,21 @@ struct Ops {
 #pragma GCC pop_options
 #endif
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx512f"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx512f")
-#endif
-namespace avx512 {
-// (The masked forms with every lane selected give what the plain forms give;
-// the plain forms' undefined pass-through operand makes GCC 12 warn.)
-struct Ops {
-    static constexpr int W = 8, MaxGroups = 2;
-    typedef __m512d V;
-    static V Load(const short* p)
-    {
-        const __m256i x = _mm256_cvtepi16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
-        return _mm512_mask_cvtepi32_pd(_mm512_setzero_pd(), 0xFF, x);
-    }
-    static V Min(V x, V y) { return _mm512_mask_min_pd(x, 0xFF, x, y); }
-    static V Max(V x, V y) { return _mm512_mask_max_pd(x, 0xFF, x, y); }
-    static V Floor(V y) { return _mm512_mask_roundscale_pd(y, 0xFF, y, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
-};
-#include "measurelanes.inc"
-}  // namespace avx512
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
-
 #else  // not x86: the compiler's generic vectors, two lanes
+
+// 1.5 x 2^52: adding it to a double under 2^51 in magnitude and taking it
+// away again rounds the double to an integer.
+constexpr double kRoundingBias = 6755399441055744.0;
 
 namespace lanes2 {
 struct Ops {
-    static constexpr int W = 2, MaxGroups = 4;
+    static constexpr int W = 2, MaxGroups = 2;
     typedef double V __attribute__((vector_size(2 * sizeof(double))));
     typedef std::int64_t I __attribute__((vector_size(2 * sizeof(double))));
-    static V Load(const short* p) { return V{static_cast<double>(p[0]), static_cast<double>(p[1])}; }
+    static V Load(const std::int32_t* p) { return V{static_cast<double>(p[0]), static_cast<double>(p[1])}; }
     static V Min(V x, V y) { return x < y ? x : y; }
     static V Max(V x, V y) { return x > y ? x : y; }
+    // floor: rounded to an integer, less one where that lies above y.
     static V Floor(V y)
     {
         const V bias = V{} + kRoundingBias;
@@ -247,23 +214,13 @@ bool Supported(MeasureIsa isa)
 #else
         return false;
 #endif
-    case MeasureIsa::Avx512:
-#ifdef OKU_MEASURE_X86
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("avx512f");
-#else
-        return false;
-#endif
     }
     return false;
 }
 
 MeasureIsa Widest()
 {
-    for (MeasureIsa isa : {MeasureIsa::Avx512, MeasureIsa::Avx2})
-        if (Supported(isa))
-            return isa;
-    return MeasureIsa::Lanes2;
+    return Supported(MeasureIsa::Avx2) ? MeasureIsa::Avx2 : MeasureIsa::Lanes2;
 }
 
 std::atomic<MeasureIsa>& Chosen()
@@ -298,12 +255,6 @@ void MeasureRuns(FrameRun* runs, std::size_t n)
     case MeasureIsa::Avx2:
 #ifdef OKU_MEASURE_X86
         avx2::Measure(runs, n);
-        return;
-#endif
-        break;
-    case MeasureIsa::Avx512:
-#ifdef OKU_MEASURE_X86
-        avx512::Measure(runs, n);
         return;
 #endif
         break;

@@ -38,7 +38,7 @@ void MeasureRuns(FrameRun* runs, std::size_t n);
 // of it elsewhere), or in four lanes with AVX2 (x86 only). By default the
 // widest the processor offers, chosen once at run time; the build never
 // assumes more than the baseline.
-enum class MeasureIsa { Scalar, Lanes2, Avx2, Avx512 };
+enum class MeasureIsa { Scalar, Lanes2, Avx2 };
 
 // The way MeasureRuns runs now.
 MeasureIsa GetMeasureIsa();

@@ -4,9 +4,11 @@
 // object and its copy of the samples), one per volume reading, one per event.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <vector>
 
 #include "agc.h"
 #include "audioanalyzer.h"
@@ -153,8 +155,50 @@ TEST(Allocations, HandlesAllocateOnlyResults)
         if (k >= 300)
             agcAllocations += g_allocations - before;
     }
-    EXPECT_EQ(2L * 1700, vadAllocations);  // frames not asked for: the frame result and the reading
+    EXPECT_EQ(1L * 1700, vadAllocations);  // frames not asked for are not made: only the reading
     EXPECT_EQ(0, agcAllocations);
     oku_vad_destroy(vad);
     oku_agc_destroy(agc);
+}
+
+// Many handles per call: each handle's reading, and a few arrays per call
+// (not per handle or frame).
+TEST(Allocations, ManyHandlesPerCallAllocateTheirReadingsAndAFewArrays)
+{
+    const oku::AudioData signal = Quiet(2000);
+    const std::size_t n = 16;
+    std::vector<oku_vad*> vads(n);
+    std::vector<oku_agc*> agcs(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        ASSERT_EQ(OKU_OK, oku_vad_create(16000.0, "", &vads[i]));
+        ASSERT_EQ(OKU_OK, oku_agc_create(16000, "", &agcs[i]));
+    }
+    std::vector<const int16_t*> samples(n);
+    const std::vector<std::size_t> counts(n, kFrame);
+    std::vector<double> gains(n, 0.5);
+    long most = 0, mostAgc = 0;
+    oku_vad_result r;
+    for (int k = 0; k < 1000; ++k) {
+        for (std::size_t i = 0; i < n; ++i)
+            samples[i] = &signal[(static_cast<std::size_t>(k) + 37 * i) % 1900 * kFrame];
+        long before = g_allocations;
+        ASSERT_EQ(OKU_OK, oku_vad_process_many(vads.data(), samples.data(), counts.data(), n));
+        for (oku_vad* v : vads) {
+            do
+                ASSERT_EQ(OKU_OK, oku_vad_next(v, &r));
+            while (r.type != OKU_VAD_NONE);
+        }
+        if (k >= 300)
+            most = std::max(most, g_allocations - before);
+        before = g_allocations;
+        ASSERT_EQ(OKU_OK, oku_agc_process_many(agcs.data(), samples.data(), counts.data(), gains.data(), gains.data(), n));
+        if (k >= 300)
+            mostAgc = std::max(mostAgc, g_allocations - before);
+    }
+    EXPECT_LE(most, static_cast<long>(n) + 4);
+    EXPECT_LE(mostAgc, 8);
+    for (std::size_t i = 0; i < n; ++i) {
+        oku_vad_destroy(vads[i]);
+        oku_agc_destroy(agcs[i]);
+    }
 }

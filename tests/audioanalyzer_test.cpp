@@ -203,6 +203,57 @@ TEST(AnalyzerFraming, FrameDataCarriesTheRawSamplesOrNothing)
     }
 }
 
+TEST(AnalyzerFraming, FrameResultsOffLeaveEveryOtherResultAsItWas)
+{
+    // Two bursts, a flush in the second (with a leftover), then a second run.
+    AudioData signal = Burst(100, 120, 0);
+    const AudioData second = Burst(60, 90, 0);
+    signal.insert(signal.end(), second.begin(), second.end());
+    AudioAnalyzer on("", 16000.0, true), off("", 16000.0, true);
+    off.SetFrameResults(false);
+    auto run = [&](AudioAnalyzer& a) {
+        std::vector<AnalyzerResultPtr> all;
+        for (std::size_t i = 0; i < signal.size(); i += 1000) {
+            a.Process(testsig::Slice(signal, i, std::min<std::size_t>(1000, signal.size() - i)));
+            if (i == 50000)
+                a.Flush();
+            const Drained d = Drain(a);
+            all.insert(all.end(), d.all.begin(), d.all.end());
+        }
+        a.Flush();
+        const Drained d = Drain(a);
+        all.insert(all.end(), d.all.begin(), d.all.end());
+        return all;
+    };
+    std::vector<AnalyzerResultPtr> with = run(on), without = run(off);
+    std::size_t frames = 0, j = 0, events = 0;
+    for (const AnalyzerResultPtr& r : with) {
+        if (r->GetType() == AnalyzerResult::RT_AudioFrame) {
+            ++frames;
+            continue;
+        }
+        ASSERT_LT(j, without.size());
+        const AnalyzerResultPtr& o = without[j++];
+        ASSERT_EQ(r->GetType(), o->GetType());
+        if (r->GetType() == AnalyzerResult::RT_Event) {
+            ++events;
+            EXPECT_EQ(static_cast<AnalyzerEvent&>(*r).GetTag(), static_cast<AnalyzerEvent&>(*o).GetTag());
+            EXPECT_EQ(static_cast<AnalyzerEvent&>(*r).GetTimeMs(), static_cast<AnalyzerEvent&>(*o).GetTimeMs());
+        } else {
+            const auto &a = static_cast<AnalyzerVolumeMeter&>(*r), &b = static_cast<AnalyzerVolumeMeter&>(*o);
+            EXPECT_EQ(a.GetTimeMs(), b.GetTimeMs());
+            EXPECT_EQ(a.GetVolumedBFS(), b.GetVolumedBFS());
+            EXPECT_EQ(a.GetSNRVolumePct(), b.GetSNRVolumePct());
+            EXPECT_EQ(a.GetInfo(), b.GetInfo());
+        }
+    }
+    EXPECT_EQ(j, without.size());
+    // 51000 samples before the first flush: 159 frames and a leftover of 120;
+    // 16200 after it: 50 frames and a leftover of 200.
+    EXPECT_EQ(159u + 1u + 50u + 1u, frames);
+    EXPECT_EQ(8u, events);  // two segments, one closed by the flush in the middle
+}
+
 TEST(AnalyzerFraming, GetResultOnAnEmptyQueueLeavesItsArgument)
 {
     AudioAnalyzer a("", 16000.0, true);

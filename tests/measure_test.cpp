@@ -30,7 +30,7 @@ std::vector<MeasureIsa> Ways()
 {
     std::vector<MeasureIsa> ways;
     const MeasureIsa before = oku::GetMeasureIsa();
-    for (MeasureIsa isa : {MeasureIsa::Scalar, MeasureIsa::Lanes2, MeasureIsa::Avx2, MeasureIsa::Avx512})
+    for (MeasureIsa isa : {MeasureIsa::Scalar, MeasureIsa::Lanes2, MeasureIsa::Avx2})
         if (oku::SetMeasureIsa(isa))
             ways.push_back(isa);
     oku::SetMeasureIsa(before);
@@ -49,7 +49,7 @@ private:
 
 std::string Name(MeasureIsa isa)
 {
-    static const char* const names[] = {"scalar", "lanes2", "avx2", "avx512"};
+    static const char* const names[] = {"scalar", "lanes2", "avx2"};
     return names[static_cast<int>(isa)];
 }
 
