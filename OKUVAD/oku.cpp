@@ -28,7 +28,6 @@ struct oku_vad {
     oku::AudioAnalyzer analyzer;
     double rate;
     bool frames;
-    oku::AudioData chunk;  // the samples of the call being processed, reused from call to call
     // Keeps the samples of the last frames handed out alive until the next call.
     std::vector<oku::AnalyzerResultPtr> handedOut;
 
@@ -172,7 +171,6 @@ private:
 struct oku_agc {
     std::unique_ptr<LineBuf> buf{new LineBuf};
     std::shared_ptr<std::ostream> stream{new std::ostream(buf.get())};
-    oku::AudioData chunk;  // the samples of the call being processed, reused from call to call
     bool updated = false;
     oku::AGC agc;
 
@@ -208,9 +206,7 @@ OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n)
         return Null("samples");
     return Guard([&] {
         vad->handedOut.clear();
-        vad->chunk.assign(samples, samples + n);
-        vad->analyzer.Process(vad->chunk);
-        oku::boundary::TrimAudioData(vad->chunk);
+        vad->analyzer.Process(samples, n);
         return OKU_OK;
     });
 }
@@ -314,9 +310,7 @@ OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, doub
         return Fail(OKU_ERR_ARGUMENT, "gain must lie in [0, 1]");
     return Guard([&] {
         const long long updatesBefore = agc->agc.GetNumUpdates();
-        agc->chunk.assign(samples, samples + n);
-        const float result = agc->agc.ComputeGain(agc->chunk, static_cast<float>(gain));
-        oku::boundary::TrimAudioData(agc->chunk);
+        const float result = agc->agc.ComputeGain(samples, n, static_cast<float>(gain));
         oku::AGC::ControlInfo info;
         agc->agc.GetInfo(info);
         agc->updated = agc->agc.GetNumUpdates() != updatesBefore ||

@@ -298,8 +298,13 @@ float AGC::GetMedianGain() const
 
 float AGC::ComputeGain(const AudioData& a, float curGain)
 {
+    return ComputeGain(a.data(), a.size(), curGain);
+}
+
+float AGC::ComputeGain(const short* samples, std::size_t n, float curGain)
+{
     float gain;
-    if (!Collect(a.data(), a.size(), curGain, gain))
+    if (!Collect(samples, n, curGain, gain))
         return gain;
     // The filter hands back the exact sum of squares of the filtered frame:
     // the level ComputePower would measure on it, without a copy of the frame
@@ -399,6 +404,9 @@ float AGC::Decide(float curGain)
     const float clippingFraction = ComputeClippingFraction(_audioBuffer.begin(), _audioBuffer.end());
     const float newGain = ComputeGain(curGain, clippingFraction);
     _audioBuffer.clear();
+    // A very long chunk leaves its memory behind otherwise.
+    if (_audioBuffer.capacity() > (1u << 16))
+        AudioData().swap(_audioBuffer);
     return newGain;
 }
 

@@ -125,6 +125,8 @@ public:
     // starting gain. Throws std::invalid_argument, changing nothing, when
     // curGain is not in [0, 1] (NaN included).
     float ComputeGain(const AudioData& a, float curGain);
+    // The same for n samples at `samples` (null only when n is 0).
+    float ComputeGain(const short* samples, std::size_t n, float curGain);
     // ComputeGain for many gain controls at once: newGains[i] is what
     // agcs[i]->ComputeGain on the counts[i] samples at samples[i] with
     // curGains[i] would return, with the same effect on agcs[i], while the

@@ -117,7 +117,12 @@ int AudioAnalyzer::GetFrameDelay() const
 
 void AudioAnalyzer::Process(const AudioData& audioData)
 {
-    const std::size_t frames = Append(audioData.data(), audioData.size());
+    Process(audioData.data(), audioData.size());
+}
+
+void AudioAnalyzer::Process(const short* samples, std::size_t n)
+{
+    const std::size_t frames = Append(samples, n);
     const std::ptrdiff_t samplesPerFrame = _samplesPerFrame;
     int peak = 0;
     for (std::size_t f = 0; f < frames; ++f) {
@@ -197,6 +202,9 @@ void AudioAnalyzer::EndChunk(std::size_t frames, int peak)
     const std::size_t samples = frames * static_cast<std::size_t>(_samplesPerFrame);
     GenerateVolumeMeterResult(static_cast<long long>(samples), peak);
     _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + static_cast<std::ptrdiff_t>(samples));
+    // A very long chunk leaves its memory behind otherwise.
+    if (_audioBuffer.capacity() > (1u << 16))
+        AudioData(_audioBuffer).swap(_audioBuffer);
 }
 
 double AudioAnalyzer::ComputeEnergy(double sumOfSquares, std::size_t count) const

@@ -179,6 +179,8 @@ public:
     void Reset();
     void UpdateParameters(const std::string& keyValuePairs);
     void Process(const AudioData& audioData);
+    // The same for n samples at `samples` (null only when n is 0).
+    void Process(const short* samples, std::size_t n);
     // Process for many analyzers at once: analyzers[i] takes the counts[i]
     // samples at samples[i] exactly as its own Process call would take them,
     // in the same results, while the frames of all of them are filtered side

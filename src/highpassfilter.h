@@ -19,7 +19,8 @@ namespace oku {
 // subnormal doubles, where every operation costs many times more. At the end
 // of each call a state that can no longer change any output is set to exactly
 // 0 instead (see IsNegligible): the outputs and every later state are those of
-// the plain recursion, bit for bit.
+// the plain recursion, bit for bit. From then on a call of nothing but zeros
+// costs only the look at its samples.
 class HighpassFilter {
 public:
     // The recursion's coefficients; the numerator's third equals its first.
@@ -121,6 +122,11 @@ private:
     template <bool write, typename Iterator>
     double Run(Iterator begin, Iterator end, int* inputPeak)
     {
+        // Zeros into a zero state give zero outputs and leave the state at
+        // zero (of either sign, which no later output can tell apart): a frame
+        // of digital silence once the state has settled needs no arithmetic.
+        if (_z1 == 0.0 && _z2 == 0.0 && AllZero(begin, end))
+            return 0.0;
         // The state lives in registers for the loop; the recursion keeps its
         // order: out = b1 x + z1, z1 = (b2 x + z2) - a2 out, z2 = b3 x - a3 out.
         // The square sum and the peak are off the recursion's critical path.
@@ -149,6 +155,17 @@ private:
         if (inputPeak)
             *inputPeak = peak;
         return sum;
+    }
+
+    // Whether every sample of [begin, end) is 0 (without early exit, so that
+    // the compiler can vectorize it).
+    template <typename Iterator>
+    static bool AllZero(Iterator begin, Iterator end)
+    {
+        int any = 0;
+        for (Iterator it = begin; it != end; ++it)
+            any |= *it;
+        return any == 0;
     }
 
     void Load(double b1, double b2, double a2, double a3)

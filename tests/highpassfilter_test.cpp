@@ -235,3 +235,37 @@ TEST(NegligibleState, ZeroRunsGiveThePlainRecursionsOutputsBitForBit)
         EXPECT_EQ(static_cast<double>(z2), f.GetZ2()) << rate;
     }
 }
+
+// A frame of zeros into a zero state is skipped: it must leave a state that
+// no later output can tell from the one the arithmetic leaves, whatever the
+// sign of the zeros it starts from.
+TEST(NegligibleState, SilenceIntoAZeroStateOfEitherSignChangesNoLaterOutput)
+{
+    for (const double rate : kRates) {
+        const oku::AudioData speech = testsig::Render({{0.1, 0, 0}, {0.5, 20000, 30}}, rate, 3);
+        std::vector<short> reference;
+        for (const double zero : {0.0, -0.0}) {
+            HighpassFilter f(rate);
+            f.SetState(zero, -zero);
+            std::vector<short> y = speech;
+            const std::size_t frame = static_cast<std::size_t>(rate / 50);
+            for (std::size_t i = 0; i + frame <= y.size(); i += frame)
+                f.Filter(y.begin() + static_cast<long>(i), y.begin() + static_cast<long>(i + frame));
+            if (reference.empty())
+                reference = y;
+            EXPECT_EQ(reference, y) << rate << " " << zero;
+        }
+        // And the same as a plain recursion from +0 that never skips.
+        const oku::SupportedRate& c = *oku::FindRate(rate);
+        double z1 = 0, z2 = 0;
+        std::size_t mismatches = 0;
+        const std::size_t frame = static_cast<std::size_t>(rate / 50), filtered = speech.size() / frame * frame;
+        for (std::size_t i = 0; i < filtered; ++i) {
+            const double in = speech[i], out = c.b1 * in + z1;
+            z1 = (c.b2 * in + z2) - c.a2 * out;
+            z2 = c.b1 * in - c.a3 * out;
+            mismatches += HighpassFilter::RoundToSample(out) != reference[i];
+        }
+        EXPECT_EQ(0u, mismatches) << rate;
+    }
+}
