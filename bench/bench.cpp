@@ -166,6 +166,45 @@ void VadExported(benchmark::State& state, Content content, int rate, int chunkMs
     Count(state, x.size() / chunk * chunk, rate);
 }
 
+// The analyzer through the handle functions of oku.h, drained as a host drains them.
+void VadHandle(benchmark::State& state, Content content, int rate, int chunkMs)
+{
+    const std::vector<short>& x = Audio(content, rate);
+    const std::size_t chunk = static_cast<std::size_t>(rate * chunkMs / 1000);
+    for (auto _ : state) {
+        oku_vad* vad = nullptr;
+        oku_vad_create(rate, nullptr, &vad);
+        oku_vad_result r[16];
+        std::size_t n;
+        for (std::size_t i = 0; i + chunk <= x.size(); i += chunk) {
+            oku_vad_process(vad, &x[i], chunk);
+            do {
+                oku_vad_results(vad, r, 16, &n);
+                benchmark::DoNotOptimize(r[0].type);
+            } while (n == 16);
+        }
+        oku_vad_destroy(vad);
+    }
+    Count(state, x.size() / chunk * chunk, rate);
+}
+
+// The gain control through the handle functions, the gain fed back.
+void AgcHandle(benchmark::State& state, Content content, int rate, int chunkMs)
+{
+    const std::vector<short>& x = Audio(content, rate);
+    const std::size_t chunk = static_cast<std::size_t>(rate * chunkMs / 1000);
+    for (auto _ : state) {
+        oku_agc* agc = nullptr;
+        oku_agc_create(rate, nullptr, &agc);
+        double gain = 0.3;
+        for (std::size_t i = 0; i + chunk <= x.size(); i += chunk)
+            oku_agc_process(agc, &x[i], chunk, gain, &gain);
+        benchmark::DoNotOptimize(gain);
+        oku_agc_destroy(agc);
+    }
+    Count(state, x.size() / chunk * chunk, rate);
+}
+
 // The analyzer class, frame data off, every result taken from the queue.
 void VadClass(benchmark::State& state, Content content, int rate, int chunkMs)
 {
@@ -429,8 +468,8 @@ int main(int argc, char** argv)
         return chunk ? n + "/" + chunk : n;
     };
     // Every content and rate: the kernel with and without subnormals flushed,
-    // our analyzer and gain control through the exported functions in 20 ms
-    // chunks, and the peers at the rates they take (WebRTC's modules take
+    // our analyzer and gain control through the exported functions and through
+    // the handle functions in 20 ms chunks, and the peers at the rates they take (WebRTC's modules take
     // 8000 and 16000 of ours; speexdsp takes any).
     for (Content c : okubench::kContents) {
         for (int rate : rates) {
@@ -438,6 +477,8 @@ int main(int argc, char** argv)
             benchmark::RegisterBenchmark(name("kernel_plain", c, rate).c_str(), Kernel, c, rate, false);
             benchmark::RegisterBenchmark(name("vad_exported", c, rate, "20ms").c_str(), VadExported, c, rate, 20, 60.0);
             benchmark::RegisterBenchmark(name("agc_exported", c, rate, "20ms").c_str(), AgcExported, c, rate, 20, 60.0);
+            benchmark::RegisterBenchmark(name("vad_handle", c, rate, "20ms").c_str(), VadHandle, c, rate, 20);
+            benchmark::RegisterBenchmark(name("agc_handle", c, rate, "20ms").c_str(), AgcHandle, c, rate, 20);
             if (rate == 8000 || rate == 16000) {
                 benchmark::RegisterBenchmark(name("webrtc_vad", c, rate).c_str(), WebRtcVad, c, rate);
                 benchmark::RegisterBenchmark(name("webrtc_agc", c, rate).c_str(), WebRtcAgc, c, rate);
