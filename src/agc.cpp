@@ -321,20 +321,14 @@ float AGC::ComputeGain(const short* samples, std::size_t n, float curGain)
 void AGC::ComputeGainMany(AGC* const* agcs, const short* const* samples, const std::size_t* counts,
                           const float* curGains, float* newGains, std::size_t n)
 {
+    CheckMany("ComputeGainMany", agcs, samples, counts, n);
     if (n == 0)
         return;
-    if (!agcs || !samples || !counts || !curGains || !newGains)
+    if (!curGains || !newGains)
         throw std::invalid_argument("ComputeGainMany: null array");
-    for (std::size_t i = 0; i < n; ++i) {
-        if (!agcs[i])
-            throw std::invalid_argument("ComputeGainMany: null gain control");
-        if (!samples[i] && counts[i] > 0)
-            throw std::invalid_argument("ComputeGainMany: null samples");
+    for (std::size_t i = 0; i < n; ++i)
         if (!(curGains[i] >= 0.0f && curGains[i] <= 1.0f))
             throw std::invalid_argument("curGain must lie in [0, 1]");
-    }
-    if (FindRepeat(agcs, n) != n)
-        throw std::invalid_argument("ComputeGainMany: a gain control appears twice");
 
     // Everything that may fail to allocate comes before any gain control changes.
     std::vector<FrameRun> runs;

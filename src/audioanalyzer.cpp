@@ -135,18 +135,9 @@ void AudioAnalyzer::Process(const short* samples, std::size_t n)
 void AudioAnalyzer::ProcessMany(AudioAnalyzer* const* analyzers, const short* const* samples,
                                 const std::size_t* counts, std::size_t n)
 {
+    CheckMany("ProcessMany", analyzers, samples, counts, n);
     if (n == 0)
         return;
-    if (!analyzers || !samples || !counts)
-        throw std::invalid_argument("ProcessMany: null array");
-    for (std::size_t i = 0; i < n; ++i) {
-        if (!analyzers[i])
-            throw std::invalid_argument("ProcessMany: null analyzer");
-        if (!samples[i] && counts[i] > 0)
-            throw std::invalid_argument("ProcessMany: null samples");
-    }
-    if (FindRepeat(analyzers, n) != n)
-        throw std::invalid_argument("ProcessMany: an analyzer appears twice");
 
     // Everything that may fail to allocate comes before any analyzer changes.
     std::vector<FrameRun> runs(n);

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstddef>
 #include <functional>
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -69,6 +71,29 @@ std::size_t FindRepeat(T* const* p, std::size_t n)
         if (sorted[i].first == sorted[i - 1].first)
             first = std::min(first, sorted[i].second);
     return first;
+}
+
+// The checks of a call for many objects (ProcessMany, ComputeGainMany): for
+// n above 0 the arrays must be there, every object too, samples[i] wherever
+// counts[i] is above 0, and no object may appear twice. Throws
+// std::invalid_argument naming `what` otherwise.
+template <typename T>
+void CheckMany(const char* what, T* const* objects, const short* const* samples, const std::size_t* counts,
+               std::size_t n)
+{
+    if (n == 0)
+        return;
+    const std::string name(what);
+    if (!objects || !samples || !counts)
+        throw std::invalid_argument(name + ": null array");
+    for (std::size_t i = 0; i < n; ++i) {
+        if (!objects[i])
+            throw std::invalid_argument(name + ": null object");
+        if (!samples[i] && counts[i] > 0)
+            throw std::invalid_argument(name + ": null samples");
+    }
+    if (FindRepeat(objects, n) != n)
+        throw std::invalid_argument(name + ": an object appears twice");
 }
 
 }  // namespace oku
