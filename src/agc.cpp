@@ -335,14 +335,9 @@ void AGC::ComputeGainMany(AGC* const* agcs, const short* const* samples, const s
     runs.reserve(n);
     std::vector<std::size_t> updating;
     updating.reserve(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        AGC& a = *agcs[i];
-        if (counts[i] > a._audioBuffer.max_size() - a._audioBuffer.size())
-            throw std::bad_alloc();
-        const std::size_t total = a._audioBuffer.size() + counts[i];
-        a._audioBuffer.reserve(total);
-        a._frameSums.resize(total / static_cast<std::size_t>(GetSamplesPerFrame(a._samplingRate)));
-    }
+    for (std::size_t i = 0; i < n; ++i)
+        ReserveChunk(agcs[i]->_audioBuffer, agcs[i]->_frameSums, counts[i],
+                     static_cast<std::size_t>(GetSamplesPerFrame(agcs[i]->_samplingRate)));
     for (std::size_t i = 0; i < n; ++i) {
         AGC& a = *agcs[i];
         if (!a.Collect(samples[i], counts[i], curGains[i], newGains[i]))

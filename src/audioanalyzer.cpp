@@ -142,14 +142,9 @@ void AudioAnalyzer::ProcessMany(AudioAnalyzer* const* analyzers, const short* co
     // Everything that may fail to allocate comes before any analyzer changes.
     std::vector<FrameRun> runs(n);
     std::vector<int> peaks(n, 0);
-    for (std::size_t i = 0; i < n; ++i) {
-        AudioAnalyzer& a = *analyzers[i];
-        if (counts[i] > a._audioBuffer.max_size() - a._audioBuffer.size())
-            throw std::bad_alloc();
-        const std::size_t total = a._audioBuffer.size() + counts[i];
-        a._audioBuffer.reserve(total);
-        a._frameSums.resize(total / static_cast<std::size_t>(a._samplesPerFrame));
-    }
+    for (std::size_t i = 0; i < n; ++i)
+        ReserveChunk(analyzers[i]->_audioBuffer, analyzers[i]->_frameSums, counts[i],
+                     static_cast<std::size_t>(analyzers[i]->_samplesPerFrame));
     for (std::size_t i = 0; i < n; ++i) {
         AudioAnalyzer& a = *analyzers[i];
         const std::size_t frames = a.Append(samples[i], counts[i]);

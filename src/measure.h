@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <functional>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -71,6 +72,18 @@ std::size_t FindRepeat(T* const* p, std::size_t n)
         if (sorted[i].first == sorted[i - 1].first)
             first = std::min(first, sorted[i].second);
     return first;
+}
+
+// Makes room, before anything changes, for n more samples in `buffer` and
+// for a sum per whole frame of frameLength samples it will then hold. Throws
+// std::bad_alloc when the memory cannot be had.
+inline void ReserveChunk(std::vector<short>& buffer, std::vector<double>& sums, std::size_t n,
+                         std::size_t frameLength)
+{
+    if (n > buffer.max_size() - buffer.size())
+        throw std::bad_alloc();
+    buffer.reserve(buffer.size() + n);
+    sums.resize((buffer.size() + n) / frameLength);
 }
 
 // The checks of a call for many objects (ProcessMany, ComputeGainMany): for
