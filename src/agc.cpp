@@ -355,11 +355,8 @@ void AGC::ComputeGainMany(AGC* const* agcs, const short* const* samples, const s
             a.TakeFrame(a._frameSums[f]);
         newGains[i] = a.Decide(curGains[i]);
     }
-    for (std::size_t i = 0; i < n; ++i) {
-        // A very long chunk leaves its measurements' memory behind otherwise.
-        if (agcs[i]->_frameSums.capacity() > 4096)
-            std::vector<double>().swap(agcs[i]->_frameSums);
-    }
+    for (std::size_t i = 0; i < n; ++i)
+        ShrinkIfOver(agcs[i]->_frameSums, 4096);
 }
 
 bool AGC::Collect(const short* samples, std::size_t n, float curGain, float& gain)
@@ -393,9 +390,7 @@ float AGC::Decide(float curGain)
     const float clippingFraction = ComputeClippingFraction(_audioBuffer.begin(), _audioBuffer.end());
     const float newGain = ComputeGain(curGain, clippingFraction);
     _audioBuffer.clear();
-    // A very long chunk leaves its memory behind otherwise.
-    if (_audioBuffer.capacity() > (1u << 16))
-        AudioData().swap(_audioBuffer);
+    ShrinkIfOver(_audioBuffer, 1u << 16);
     return newGain;
 }
 

@@ -158,9 +158,7 @@ void AudioAnalyzer::ProcessMany(AudioAnalyzer* const* analyzers, const short* co
         for (std::size_t f = 0; f < runs[i].frames; ++f)
             a.TakeFrame(a._audioBuffer.begin() + static_cast<std::ptrdiff_t>(f) * samplesPerFrame, a._frameSums[f]);
         a.EndChunk(runs[i].frames, peaks[i]);
-        // A very long chunk leaves its measurements' memory behind otherwise.
-        if (a._frameSums.capacity() > 4096)
-            std::vector<double>().swap(a._frameSums);
+        ShrinkIfOver(a._frameSums, 4096);
     }
 }
 
@@ -188,9 +186,7 @@ void AudioAnalyzer::EndChunk(std::size_t frames, int peak)
     const std::size_t samples = frames * static_cast<std::size_t>(_samplesPerFrame);
     GenerateVolumeMeterResult(static_cast<long long>(samples), peak);
     _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + static_cast<std::ptrdiff_t>(samples));
-    // A very long chunk leaves its memory behind otherwise.
-    if (_audioBuffer.capacity() > (1u << 16))
-        AudioData(_audioBuffer).swap(_audioBuffer);
+    ShrinkIfOver(_audioBuffer, 1u << 16);
 }
 
 double AudioAnalyzer::ComputeEnergy(double sumOfSquares, std::size_t count) const

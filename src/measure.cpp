@@ -32,39 +32,6 @@ void MeasureScalar(FrameRun* runs, std::size_t n)
     }
 }
 
-// Gives lane l the next run that has frames and returns 1, or makes the lane
-// idle (reading zeros with a zero filter) and returns 0.
-template <int L>
-inline int StartLane(FrameRun* runs, std::size_t n, std::size_t& next, int l, const short* (&in)[L],
-                     std::size_t (&left)[L], std::size_t (&run)[L], std::size_t (&frame)[L], int (&peak)[L],
-                     double (&z1)[L], double (&z2)[L], double (&b1)[L], double (&b2)[L], double (&a2)[L],
-                     double (&a3)[L], double (&sum)[L])
-{
-    while (next < n && runs[next].frames == 0)
-        ++next;
-    sum[l] = 0.0;
-    if (next == n) {
-        in[l] = kZeros;
-        left[l] = SIZE_MAX;
-        z1[l] = z2[l] = b1[l] = b2[l] = a2[l] = a3[l] = 0.0;
-        return 0;
-    }
-    const FrameRun& r = runs[next];
-    const HighpassFilter::Coefficients c = r.filter->GetCoefficients();
-    b1[l] = c.b1;
-    b2[l] = c.b2;
-    a2[l] = c.a2;
-    a3[l] = c.a3;
-    z1[l] = r.filter->GetZ1();
-    z2[l] = r.filter->GetZ2();
-    in[l] = r.samples;
-    left[l] = r.frameLength;
-    run[l] = next++;
-    frame[l] = 0;
-    peak[l] = r.peak ? *r.peak : 0;
-    return 1;
-}
-
 // The larger of peak and the largest absolute value of p[0..n).
 inline int RaisePeak(int peak, const short* p, std::size_t n)
 {
@@ -130,6 +97,96 @@ inline void Interleave(const short* const (&in)[L], std::size_t k, std::int32_t*
             block[i * L + static_cast<std::size_t>(l)] = p[i];
     }
 }
+
+// Which run and frame each of L lanes is on, and each lane's filter: what the
+// lane loops of every instruction set share. A lane takes the next run that
+// has frames; with none left it goes idle, reading zeros with a zero filter.
+template <int L>
+struct Lanes {
+    alignas(64) double z1[L], z2[L], b1[L], b2[L], a2[L], a3[L], sum[L];
+    const short* in[L];
+    std::size_t left[L];  // samples left in the lane's current frame; idle: SIZE_MAX
+    std::size_t run[L], frame[L];
+    int peak[L];
+    FrameRun* runs;
+    std::size_t n, next = 0;
+    int active = 0;
+
+    Lanes(FrameRun* r, std::size_t count) : runs(r), n(count)
+    {
+        for (int l = 0; l < L; ++l)
+            Start(l);
+    }
+
+    void Start(int l)
+    {
+        while (next < n && runs[next].frames == 0)
+            ++next;
+        sum[l] = 0.0;
+        if (next == n) {
+            in[l] = kZeros;
+            left[l] = SIZE_MAX;
+            z1[l] = z2[l] = b1[l] = b2[l] = a2[l] = a3[l] = 0.0;
+            return;
+        }
+        const FrameRun& r = runs[next];
+        const HighpassFilter::Coefficients c = r.filter->GetCoefficients();
+        b1[l] = c.b1;
+        b2[l] = c.b2;
+        a2[l] = c.a2;
+        a3[l] = c.a3;
+        z1[l] = r.filter->GetZ1();
+        z2[l] = r.filter->GetZ2();
+        in[l] = r.samples;
+        left[l] = r.frameLength;
+        run[l] = next++;
+        frame[l] = 0;
+        peak[l] = r.peak ? *r.peak : 0;
+        ++active;
+    }
+
+    // The samples every lane can take before the nearest frame end (at most
+    // kBlock), interleaved into block, with the lanes' peaks raised.
+    std::size_t Prepare(std::int32_t* block)
+    {
+        std::size_t k = kBlock;
+        for (int l = 0; l < L; ++l)
+            k = left[l] < k ? left[l] : k;
+        Interleave<L>(in, k, block);
+        for (int l = 0; l < L; ++l)
+            peak[l] = RaisePeak(peak[l], in[l], k);
+        return k;
+    }
+
+    // After k samples: lanes at a frame end hand over their sum, set a
+    // negligible state to 0 as HighpassFilter does after every frame, and move
+    // on to their next frame or run.
+    void Advance(std::size_t k)
+    {
+        for (int l = 0; l < L; ++l) {
+            if (left[l] == SIZE_MAX)
+                continue;
+            in[l] += k;
+            left[l] -= k;
+            if (left[l] != 0)
+                continue;
+            const FrameRun& r = runs[run[l]];
+            r.sums[frame[l]] = sum[l];
+            sum[l] = 0.0;
+            if (HighpassFilter::IsNegligible(z1[l], z2[l]))
+                z1[l] = z2[l] = 0.0;
+            if (++frame[l] < r.frames) {
+                left[l] = r.frameLength;
+                continue;
+            }
+            r.filter->SetState(z1[l], z2[l]);
+            if (r.peak)
+                *r.peak = peak[l];
+            --active;
+            Start(l);
+        }
+    }
+};
 
 #ifdef OKU_MEASURE_X86
 

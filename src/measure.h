@@ -86,6 +86,16 @@ inline void ReserveChunk(std::vector<short>& buffer, std::vector<double>& sums, 
     sums.resize((buffer.size() + n) / frameLength);
 }
 
+// Gives back the memory of a vector that an unusually long chunk grew past
+// `limit` elements (keeping what it holds), so that it does not stay with the
+// object for good.
+template <typename T>
+void ShrinkIfOver(std::vector<T>& v, std::size_t limit)
+{
+    if (v.capacity() > limit)
+        std::vector<T>(v).swap(v);
+}
+
 // The checks of a call for many objects (ProcessMany, ComputeGainMany): for
 // n above 0 the arrays must be there, every object too, samples[i] wherever
 // counts[i] is above 0, and no object may appear twice. Throws
