@@ -1,7 +1,9 @@
 // The facts a front end needs, from the library's own tables: version, rates,
 // the names of the interface's enumerations, the volume conversion of the
 // plain gain-control functions, and each service's settings.
+#include <cfloat>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -229,6 +231,45 @@ OKU_API int oku_params_check(int service, const char* params)
     });
 }
 
+OKU_API int oku_params_unknown(int service, const char* params, oku_params_fn fn, void* user, size_t* count)
+{
+    if (!KnownService(service))
+        return Fail(OKU_ERR_ARGUMENT, "unknown service");
+    return Guard([&]() -> int {
+        oku::Parameters par;
+        if (Parse(params, par) != OKU_OK)
+            return OKU_ERR_PARAMS;
+        std::size_t unknown = 0;
+        for (const auto& entry : par) {
+            if (FindKey(service, entry.first))
+                continue;
+            ++unknown;
+            if (fn)
+                fn(user, entry.first.c_str(), entry.second.c_str());
+        }
+        if (count)
+            *count = unknown;
+        return OKU_OK;
+    });
+}
+
+OKU_API int oku_chunk_samples(double rate, double ms, size_t* samples)
+{
+    if (!samples)
+        return Null("samples");
+    if (!(rate > 0.0 && rate <= DBL_MAX) || !(ms > 0.0 && ms <= DBL_MAX))
+        return Fail(OKU_ERR_ARGUMENT, "rate and ms must be positive finite numbers");
+    const double exact = ms * rate / 1000.0;
+    const double limit = static_cast<double>(PTRDIFF_MAX / 2);
+    if (!(exact < limit))
+        return Fail(OKU_ERR_ARGUMENT, "a chunk of that length is larger than any array");
+    const double n = std::floor(exact + 0.5);
+    if (n < 1.0)
+        return Fail(OKU_ERR_ARGUMENT, "a chunk of that length holds no sample at that rate");
+    *samples = static_cast<std::size_t>(n);
+    return OKU_OK;
+}
+
 OKU_API int oku_params_entries(const char* params, oku_params_fn fn, void* user)
 {
     if (!fn)
@@ -247,11 +288,12 @@ OKU_API int oku_vad_delay(double rate, const char* params, double* ms)
 {
     if (!ms)
         return Null("ms");
-    return Guard([&]() -> int {
+    const int status = Guard([&]() -> int {
         const oku::AudioAnalyzer analyzer(params ? params : "", rate, false);
         *ms = analyzer.GetFrameDelay() * analyzer.GetFrameSizeMs();
         return OKU_OK;
     });
+    return oku::status::NameParams(status, OKU_SERVICE_VAD, params);
 }
 
 OKU_API size_t oku_struct_size(const char* name)

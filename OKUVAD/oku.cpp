@@ -172,9 +172,23 @@ struct oku_agc {
     std::unique_ptr<LineBuf> buf{new LineBuf};
     std::shared_ptr<std::ostream> stream{new std::ostream(buf.get())};
     bool updated = false;
+    bool changed = false;
     oku::AGC agc;
 
     oku_agc(const char* params, int rate) : agc(params ? params : "", rate) {}
+
+    // Records what a call did and returns the gain to hand back: the proposal
+    // when it differs from the gain given (in float, as the gain control keeps
+    // gains), else the given gain itself.
+    double Finish(long long updatesBefore, double gain, float proposed)
+    {
+        oku::AGC::ControlInfo info;
+        agc.GetInfo(info);
+        updated = agc.GetNumUpdates() != updatesBefore ||
+                  info.GetControlType() == oku::AGC::ControlInfo::GainEstimate;
+        changed = proposed != static_cast<float>(gain);
+        return changed ? static_cast<double>(proposed) : gain;
+    }
 };
 
 extern "C" {
@@ -190,10 +204,11 @@ OKU_API int oku_vad_create_ex(double rate, const char* params, unsigned flags, o
         return Null("out");
     if (flags & ~OKU_VAD_AUDIO_FRAMES)
         return Fail(OKU_ERR_ARGUMENT, "unknown flags");
-    return Guard([&] {
+    const int status = Guard([&] {
         *out = new oku_vad(params, rate, (flags & OKU_VAD_AUDIO_FRAMES) != 0);
         return OKU_OK;
     });
+    return oku::status::NameParams(status, OKU_SERVICE_VAD, params);
 }
 
 OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n)
@@ -290,10 +305,11 @@ OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out)
 {
     if (!out)
         return Null("out");
-    return Guard([&] {
+    const int status = Guard([&] {
         *out = new oku_agc(params, rate);
         return OKU_OK;
     });
+    return oku::status::NameParams(status, OKU_SERVICE_AGC, params);
 }
 
 OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, double gain, double* new_gain)
@@ -311,11 +327,7 @@ OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, doub
     return Guard([&] {
         const long long updatesBefore = agc->agc.GetNumUpdates();
         const float result = agc->agc.ComputeGain(samples, n, static_cast<float>(gain));
-        oku::AGC::ControlInfo info;
-        agc->agc.GetInfo(info);
-        agc->updated = agc->agc.GetNumUpdates() != updatesBefore ||
-                       info.GetControlType() == oku::AGC::ControlInfo::GainEstimate;
-        *new_gain = result;
+        *new_gain = agc->Finish(updatesBefore, gain, result);
         return OKU_OK;
     });
 }
@@ -342,13 +354,8 @@ OKU_API int oku_agc_process_many(oku_agc* const* agcs, const int16_t* const* sam
             updatesBefore[i] = controls[i]->GetNumUpdates();
         }
         oku::AGC::ComputeGainMany(controls.data(), samples, counts, in.data(), out.data(), n);
-        for (std::size_t i = 0; i < n; ++i) {
-            oku::AGC::ControlInfo info;
-            controls[i]->GetInfo(info);
-            agcs[i]->updated = controls[i]->GetNumUpdates() != updatesBefore[i] ||
-                               info.GetControlType() == oku::AGC::ControlInfo::GainEstimate;
-            new_gains[i] = out[i];
-        }
+        for (std::size_t i = 0; i < n; ++i)
+            new_gains[i] = agcs[i]->Finish(updatesBefore[i], gains[i], out[i]);
         return OKU_OK;
     });
 }
@@ -367,6 +374,7 @@ OKU_API int oku_agc_info(const oku_agc* agc, oku_agc_decision* out)
     d.time_ms = info.GetTimeMs();
     d.pause_db = info.GetPauseLevel();
     d.speech_db = info.GetSpeechLevel();
+    d.changed = agc->changed;
     *out = d;
     return OKU_OK;
 }

@@ -54,9 +54,11 @@ OKU_API const char* oku_status_message(int status);
 
 /*
  * The message of the last failed call on the calling thread: "Sampling rate",
- * "Invalid format" (malformed parameter string or value), a message naming a
- * rejected setting (e.g. "LeastGain must lie in (0, 1]"), or a description of
- * the bad argument. "" before any failure. Successful calls leave it as it is.
+ * for a refused parameter string the key and the reason, as oku_params_check
+ * gives them ("Invalid format: ...", "EOSTimeoutMs: 'soon' is not a whole
+ * number in the range of int", "LeastGain must lie in (0, 1]"), or a
+ * description of the bad argument ("vads[3] is null"). "" before any failure.
+ * Successful calls leave it as it is.
  * The text stays valid until the next failing call on the same thread.
  */
 OKU_API const char* oku_last_error(void);
@@ -95,6 +97,26 @@ OKU_API int oku_nearest_rate(double rate);
 OKU_API const char* oku_vad_result_name(int type);
 OKU_API const char* oku_assessment_name(int assessment);
 OKU_API const char* oku_agc_control_name(int control);
+
+/* How many values each of those enumerations has (the names run from 0 to count - 1). */
+#define OKU_VAD_RESULT_TYPE_COUNT 5
+#define OKU_ASSESSMENT_COUNT 4
+#define OKU_AGC_CONTROL_COUNT 6
+
+/*
+ * The number of samples in a chunk of `ms` milliseconds at `rate` Hz, rounded
+ * to the nearest whole sample, halves up: floor(ms * rate / 1000 + 0.5), the
+ * product formed in double precision (0.3125 ms at 8000 Hz is 2.5 samples and
+ * gives 3). Every front end of the library cuts its chunks with this rule.
+ * - rate    [i] : samples per second, a positive finite number (any rate, not
+ *                 only the supported ones: a chunk may be cut before resampling)
+ * - ms      [i] : the chunk's length, a positive finite number
+ * - samples [o] : at least 1
+ * returns : OKU_OK; OKU_ERR_NULL (samples); OKU_ERR_ARGUMENT (rate or ms not
+ *           positive and finite, a chunk that rounds to no sample, or one
+ *           larger than any array: above PTRDIFF_MAX / 2 samples)
+ */
+OKU_API int oku_chunk_samples(double rate, double ms, size_t* samples);
 
 /*
  * A host's volume as a gain, exactly as OKUAGC_ComputeGain converts it: the
@@ -197,6 +219,21 @@ typedef void (*oku_params_fn)(void* user, const char* key, const char* value);
  * returns : OKU_OK; OKU_ERR_NULL (fn); OKU_ERR_PARAMS (malformed); OKU_ERR_MEMORY
  */
 OKU_API int oku_params_entries(const char* params, oku_params_fn fn, void* user);
+
+/*
+ * The entries of a parameter string whose key no setting of the service has
+ * (a misspelt key, or one meant for the other service): the service ignores
+ * them, and a front end warns about them. Calls fn(user, key, value) for each,
+ * in ascending byte order of the keys, and writes how many there are.
+ * fn must not call back into the library with the same string's entries.
+ * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
+ * - params  [i] : parameter string, or NULL/"" (no entries)
+ * - fn      [i] : receives each unknown entry; may be NULL (only count them)
+ * - count   [o] : the number of unknown keys; may be NULL
+ * returns : OKU_OK; OKU_ERR_ARGUMENT (another service); OKU_ERR_PARAMS
+ *           (malformed; nothing reported); OKU_ERR_MEMORY
+ */
+OKU_API int oku_params_unknown(int service, const char* params, oku_params_fn fn, void* user, size_t* count);
 
 /*
  * How long the analyzer may hold audio before it hands it out decided: the
@@ -362,6 +399,10 @@ typedef struct oku_agc_decision {
     double time_ms;    /* ms of audio received when the decision was taken */
     float pause_db;    /* pause (noise floor) level used, dB of frame power */
     float speech_db;   /* speech level used, dB of frame power */
+    int32_t changed;   /* 1 when the last oku_agc_process call proposed a gain other than the one given
+                          (compared as the gain control keeps gains, in float): the host applies the new
+                          gain exactly when this is 1, and need compare no numbers itself */
+    int32_t reserved;
 } oku_agc_decision;
 
 /* Receives one line of the diagnostic log (without its line feed) per gain update. */
@@ -379,10 +420,10 @@ OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out);
 /*
  * Analyses n samples captured at `gain` (0 to 1; 0 asks for a starting gain)
  * and writes the gain to apply next to *new_gain. The gain control works in
- * float: when no update took place (updates need at least 120 ms of audio by
- * default) or the update kept the gain, *new_gain is `gain` rounded to float
- * (0.02 comes back as 0.0199999995...), so compare it with the gain given
- * after the same rounding, or use oku_agc_info's control type.
+ * float. When it proposes a change (oku_agc_info's `changed` is 1), *new_gain
+ * is the proposed float; otherwise (no update took place, which needs at least
+ * 120 ms of audio by default, or the update kept the gain) *new_gain is `gain`
+ * itself, bit for bit, so that a host that feeds the result back never drifts.
  * returns : OKU_OK; OKU_ERR_NULL (agc, new_gain, or samples with n above 0);
  *           OKU_ERR_ARGUMENT (gain outside 0..1 or NaN; n above PTRDIFF_MAX / 2,
  *           refused before samples is touched); OKU_ERR_MEMORY

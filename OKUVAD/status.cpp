@@ -30,6 +30,19 @@ int Null(const char* what) noexcept
     }
 }
 
+int NameParams(int status, int service, const char* params) noexcept
+{
+    if (status != OKU_ERR_PARAMS)
+        return status;
+    try {
+        const std::string classMessage = t_lastError;
+        if (oku_params_check(service, params) != OKU_ERR_PARAMS)
+            Fail(OKU_ERR_PARAMS, classMessage);
+    } catch (...) {
+    }
+    return status;
+}
+
 int Of(boundary::Failure kind) noexcept
 {
     switch (kind) {

@@ -19,6 +19,11 @@ int Fail(int status, const std::string& message) noexcept;
 // OKU_ERR_NULL with "<what> is null".
 int Null(const char* what) noexcept;
 
+// For a status of OKU_ERR_PARAMS from creating a service: replaces the
+// class's message ("Invalid format") by the one oku_params_check gives, which
+// names the key and the reason. Returns status.
+int NameParams(int status, int service, const char* params) noexcept;
+
 // The status of a failure the boundary's guard caught.
 int Of(boundary::Failure kind) noexcept;
 

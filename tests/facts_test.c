@@ -169,6 +169,41 @@ int main(void)
     CHECK(oku_params_entries("a", on_entry, NULL) == OKU_ERR_PARAMS && entries == 2);
     CHECK(oku_params_entries("", NULL, NULL) == OKU_ERR_NULL);
 
+    /* Keys a service does not have: both services' keys together, a misspelling. */
+    entries = 0;
+    seen[0] = 0;
+    n = 99;
+    CHECK(oku_params_unknown(OKU_SERVICE_VAD, "LeastGain=0.1;EOSTimeoutMs=600;EosTimeoutMs=9", on_entry, NULL, &n) ==
+          OKU_OK);
+    CHECK(n == 2 && entries == 2 && strcmp(seen, "EosTimeoutMs=9;LeastGain=0.1;") == 0);
+    CHECK(oku_params_unknown(OKU_SERVICE_AGC, "LeastGain=0.1;EOSTimeoutMs=600", NULL, NULL, &n) == OKU_OK && n == 1);
+    CHECK(oku_params_unknown(OKU_SERVICE_AGC, NULL, NULL, NULL, &n) == OKU_OK && n == 0);
+    CHECK(oku_params_unknown(OKU_SERVICE_AGC, "x=1=2", on_entry, NULL, &n) == OKU_ERR_PARAMS && entries == 2 && n == 0);
+    CHECK(oku_params_unknown(2, "", NULL, NULL, NULL) == OKU_ERR_ARGUMENT);
+
+    /* Chunk lengths: nearest sample, halves up. 0.3125 ms at 8000 Hz is 2.5 samples;
+     * 20 ms is 441 samples at 22050 Hz and 882 at 44100; 0.0625 ms at 8000 Hz is half a sample. */
+    {
+        size_t c = 0;
+        CHECK(oku_chunk_samples(8000, 0.3125, &c) == OKU_OK && c == 3);
+        CHECK(oku_chunk_samples(8000, 0.3, &c) == OKU_OK && c == 2);
+        CHECK(oku_chunk_samples(22050, 20, &c) == OKU_OK && c == 441);
+        CHECK(oku_chunk_samples(44100, 20, &c) == OKU_OK && c == 882);
+        CHECK(oku_chunk_samples(8000, 0.0625, &c) == OKU_OK && c == 1);
+        CHECK(oku_chunk_samples(11025, 10, &c) == OKU_OK && c == 110); /* 110.25 */
+        c = 7;
+        CHECK(oku_chunk_samples(8000, 0.06, &c) == OKU_ERR_ARGUMENT && c == 7); /* 0.48 of a sample */
+        CHECK(oku_chunk_samples(8000, 0, &c) == OKU_ERR_ARGUMENT && oku_chunk_samples(8000, -20, &c) == OKU_ERR_ARGUMENT);
+        CHECK(oku_chunk_samples(0, 20, &c) == OKU_ERR_ARGUMENT && oku_chunk_samples(NAN, 20, &c) == OKU_ERR_ARGUMENT);
+        CHECK(oku_chunk_samples(8000, INFINITY, &c) == OKU_ERR_ARGUMENT && oku_chunk_samples(8000, 1e300, &c) == OKU_ERR_ARGUMENT);
+        CHECK(oku_chunk_samples(8000, 20, NULL) == OKU_ERR_NULL && c == 7);
+    }
+
+    /* The enumerations' counts: a name for every value below the count, none at it. */
+    CHECK(oku_vad_result_name(OKU_VAD_RESULT_TYPE_COUNT - 1) && !oku_vad_result_name(OKU_VAD_RESULT_TYPE_COUNT));
+    CHECK(oku_assessment_name(OKU_ASSESSMENT_COUNT - 1) && !oku_assessment_name(OKU_ASSESSMENT_COUNT));
+    CHECK(oku_agc_control_name(OKU_AGC_CONTROL_COUNT - 1) && !oku_agc_control_name(OKU_AGC_CONTROL_COUNT));
+
     /* Delay: the longest of the histogram's minimum window, the speech window
      * plus two frames and a third of the end-of-speech timeout plus two, in frames. */
     CHECK(oku_vad_delay(16000, NULL, &v) == OKU_OK && v == 800.0);               /* max(40, 10 + 2, 21 / 3 + 2) */

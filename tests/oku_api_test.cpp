@@ -225,7 +225,7 @@ TEST(OkuHandles, AgcMatchesTheClassAndReportsDecisions)
         double next = -1;
         ASSERT_EQ(OKU_OK, oku_agc_process(agc, chunk.data(), chunk.size(), gain, &next));
         refGain = reference.ComputeGain(chunk, refGain);
-        EXPECT_EQ(static_cast<double>(refGain), next);
+        EXPECT_EQ(static_cast<float>(refGain), static_cast<float>(next));
         oku_agc_decision d;
         ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
         oku::AGC::ControlInfo info;
@@ -258,14 +258,59 @@ TEST(OkuHandles, AgcMatchesTheClassAndReportsDecisions)
     oku_agc_destroy(agc);
 }
 
+// `changed` tells a proposal from a kept gain, which comes back as given: a
+// host applies exactly what is flagged and never compares numbers.
+TEST(OkuHandles, AgcFlagsAChangedGainAndHandsBackAKeptOne)
+{
+    const oku::AudioData quiet(6 * 320, 3);  // far below every bound: the pause is too low
+    oku_agc* agc = nullptr;
+    ASSERT_EQ(OKU_OK, oku_agc_create(16000, "", &agc));
+    oku_agc_decision d;
+    double next = -1;
+    // Collecting (five frames of six): 0.02, which no float holds, comes back exactly.
+    ASSERT_EQ(OKU_OK, oku_agc_process(agc, quiet.data(), 5 * 320, 0.02, &next));
+    EXPECT_EQ(0.02, next);
+    ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
+    EXPECT_EQ(0, d.updated);
+    EXPECT_EQ(0, d.changed);
+    // The sixth frame completes an update that raises the gain by 6 dB.
+    ASSERT_EQ(OKU_OK, oku_agc_process(agc, quiet.data(), 320, 0.02, &next));
+    ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
+    EXPECT_EQ(OKU_AGC_PAUSE_TOO_LOW, d.control);
+    EXPECT_EQ(1, d.changed);
+    EXPECT_NEAR(0.02 * std::pow(10.0, 6.0 / 20.0), next, 1e-6);
+    // At full gain the same decision cannot raise it: the operating limit, and nothing to apply.
+    ASSERT_EQ(OKU_OK, oku_agc_process(agc, quiet.data(), quiet.size(), 1.0, &next));
+    ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
+    EXPECT_EQ(OKU_AGC_OPERATING_LIMIT, d.control);
+    EXPECT_EQ(1, d.updated);
+    EXPECT_EQ(0, d.changed);
+    EXPECT_EQ(1.0, next);
+    // A gain of 0 asks for a starting gain, which is a change.
+    ASSERT_EQ(OKU_OK, oku_agc_process(agc, nullptr, 0, 0.0, &next));
+    ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
+    EXPECT_EQ(1, d.changed);
+    EXPECT_GT(next, 0.0);
+    oku_agc_destroy(agc);
+}
+
 TEST(OkuHandles, BadArgumentsGiveAStatusAndAMessage)
 {
     oku_vad* vad = reinterpret_cast<oku_vad*>(1);
     EXPECT_EQ(OKU_ERR_RATE, oku_vad_create(44100.0, "", &vad));
     EXPECT_STREQ("Sampling rate", oku_last_error());
     EXPECT_EQ(reinterpret_cast<oku_vad*>(1), vad);  // nothing written
+    // A refused string names the grammar, or the key and why.
     EXPECT_EQ(OKU_ERR_PARAMS, oku_vad_create(16000.0, "EOSTimeoutMs", &vad));
-    EXPECT_STREQ("Invalid format", oku_last_error());
+    EXPECT_STREQ("Invalid format: entries must be Key=Value, separated by ';'", oku_last_error());
+    EXPECT_EQ(OKU_ERR_PARAMS, oku_vad_create(16000.0, "EOSTimeoutMs=soon", &vad));
+    EXPECT_STREQ("EOSTimeoutMs: 'soon' is not a whole number in the range of int", oku_last_error());
+    oku_agc* refused = nullptr;
+    EXPECT_EQ(OKU_ERR_PARAMS, oku_agc_create(8000, "Foo=1;LeastGain=x", &refused));
+    EXPECT_STREQ("LeastGain: 'x' is not a number in range", oku_last_error());
+    double delay = 0;
+    EXPECT_EQ(OKU_ERR_PARAMS, oku_vad_delay(16000.0, "SpeechWindowSizeMs=wide", &delay));
+    EXPECT_STREQ("SpeechWindowSizeMs: 'wide' is not a whole number in the range of int", oku_last_error());
     EXPECT_EQ(OKU_ERR_PARAMS, oku_vad_create(16000.0, "HistogramWindowSizeMs=1", &vad));
     EXPECT_NE(nullptr, std::strstr(oku_last_error(), "HistogramWindowSizeMs"));
     EXPECT_EQ(OKU_ERR_NULL, oku_vad_create(16000.0, "", nullptr));

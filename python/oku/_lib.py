@@ -58,6 +58,8 @@ class AgcDecision(ctypes.Structure):
         ("time_ms", ctypes.c_double),
         ("pause_db", ctypes.c_float),
         ("speech_db", ctypes.c_float),
+        ("changed", ctypes.c_int32),
+        ("reserved", ctypes.c_int32),
     ]
 
 
@@ -100,6 +102,8 @@ SIGNATURES: Dict[str, Tuple[Any, List[Any]]] = {
     "oku_settings": (ctypes.POINTER(SettingEntry), [_c_int, _size_p]),
     "oku_params_check": (_c_int, [_c_int, _c_char_p]),
     "oku_params_entries": (_c_int, [_c_char_p, PARAMS_FN, ctypes.c_void_p]),
+    "oku_params_unknown": (_c_int, [_c_int, _c_char_p, PARAMS_FN, ctypes.c_void_p, _size_p]),
+    "oku_chunk_samples": (_c_int, [_c_double, _c_double, _size_p]),
     "oku_vad_create_ex": (_c_int, [_c_double, _c_char_p, ctypes.c_uint, ctypes.POINTER(_handle)]),
     "oku_vad_process": (_c_int, [_handle, _samples, _c_size_t]),
     "oku_vad_process_many": (_c_int, [ctypes.POINTER(_handle), ctypes.POINTER(_samples), _size_p, _c_size_t]),
