@@ -128,7 +128,14 @@ gchar* gst_oku_settings_string(const GstOkuSettings* s)
     return g_string_free(str, FALSE);
 }
 
-gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gchar** params)
+static void collect_key(void* user, const char* key, const char* value)
+{
+    GString* keys = user;
+    (void)value;
+    g_string_append_printf(keys, "%s%s", keys->len ? ", " : "", key);
+}
+
+gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gboolean warn_unknown, gchar** params)
 {
     GST_OBJECT_LOCK(element);
     gchar* p = gst_oku_settings_string(s);
@@ -138,6 +145,17 @@ gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gchar** 
                           ("parameter string \"%s\"", p));
         g_free(p);
         return FALSE;
+    }
+    if (warn_unknown) {
+        GString* keys = g_string_new(NULL);
+        size_t count = 0;
+        if (oku_params_unknown(s->service, p, collect_key, keys, &count) == OKU_OK && count > 0)
+            GST_ELEMENT_WARNING(element, LIBRARY, SETTINGS,
+                                ("Unknown setting %s in params: %s", count == 1 ? "key" : "keys", keys->str),
+                                ("the %s ignores %s; parameter string \"%s\"",
+                                 s->service == OKU_SERVICE_VAD ? "analyzer" : "gain control",
+                                 count == 1 ? "it" : "them", p));
+        g_string_free(keys, TRUE);
     }
     if (params)
         *params = p;

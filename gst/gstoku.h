@@ -13,7 +13,7 @@
 G_BEGIN_DECLS
 
 #define GST_TYPE_OKU_VAD (gst_oku_vad_get_type())
-G_DECLARE_FINAL_TYPE(GstOkuVad, gst_oku_vad, GST, OKU_VAD, GstElement)
+G_DECLARE_FINAL_TYPE(GstOkuVad, gst_oku_vad, GST, OKU_VAD, GstAudioFilter)
 
 #define GST_TYPE_OKU_AGC (gst_oku_agc_get_type())
 G_DECLARE_FINAL_TYPE(GstOkuAgc, gst_oku_agc, GST, OKU_AGC, GstAudioFilter)
@@ -48,10 +48,12 @@ gboolean gst_oku_settings_get(const GstOkuSettings* s, guint first_id, guint pro
 gchar* gst_oku_settings_string(const GstOkuSettings* s);
 /*
  * Checks the settings with oku_params_check; on failure posts an element
- * error that names the problem and returns FALSE. Takes the object lock
- * itself; *params (if given) receives the checked string.
+ * error that names the problem and returns FALSE. With warn_unknown, keys of
+ * "params" that no setting of the service has (which the service ignores)
+ * are posted as an element warning. Takes the object lock itself; *params
+ * (if given) receives the checked string.
  */
-gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gchar** params);
+gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gboolean warn_unknown, gchar** params);
 
 /*
  * Sample positions of a run (counted from its first sample) as buffer times.
