@@ -26,6 +26,17 @@ GstCaps* gst_oku_caps_new(void)
     return caps;
 }
 
+gchar* gst_oku_rates_text(void)
+{
+    size_t count = 0;
+    const int* rates = oku_rates(&count);
+    GString* text = g_string_new(NULL);
+    for (size_t i = 0; i < count; i++)
+        g_string_append_printf(text, "%s%d", i == 0 ? "" : i + 1 == count ? " or " : ", ", rates[i]);
+    g_string_append(text, " Hz");
+    return g_string_free(text, FALSE);
+}
+
 /* ---- settings as properties ---------------------------------------------- */
 
 void gst_oku_settings_install(GObjectClass* klass, int service, guint first_id)
@@ -35,7 +46,8 @@ void gst_oku_settings_install(GObjectClass* klass, int service, guint first_id)
         klass, first_id,
         g_param_spec_string("params", "Parameter string",
                             "Settings as \"Key=Value;...\" (keys as in the library's settings table); a typed "
-                            "property set explicitly overrides the same key here",
+                            "property set explicitly overrides the same key here; a key no setting has is "
+                            "ignored, with a warning on the bus when the element starts",
                             NULL, flags));
     size_t count = 0;
     const oku_setting* table = oku_settings(service, &count);

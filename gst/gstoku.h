@@ -21,6 +21,14 @@ G_DECLARE_FINAL_TYPE(GstOkuAgc, gst_oku_agc, GST, OKU_AGC, GstAudioFilter)
 /* S16 mono in native byte order at each rate of oku_rates(). */
 GstCaps* gst_oku_caps_new(void);
 
+/* The rates of oku_rates() as text, "8000, ... or 22050 Hz" (free with g_free). */
+gchar* gst_oku_rates_text(void);
+
+/* Where the elements' manual is installed, below the prefix. */
+#ifndef OKU_GST_MANUAL
+#define OKU_GST_MANUAL "share/doc/OKUVAD/gstreamer.md"
+#endif
+
 /*
  * The settings of one service as element properties: "params" (the parameter
  * string) and one typed property per entry of oku_settings(). The string the

@@ -433,10 +433,22 @@ static void gst_oku_agc_class_init(GstOkuAgcClass* klass)
     GstCaps* caps = gst_oku_caps_new();
     gst_audio_filter_class_add_pad_templates(filter_class, caps);
     gst_caps_unref(caps);
-    gst_element_class_set_static_metadata(
-        element_class, "Automatic gain control", "Filter/Effect/Audio",
-        "Drives an upstream volume (pulsesrc, volume, ...) with the gain control and posts oku-agc messages",
-        "oku developers");
+    gchar* rates = gst_oku_rates_text();
+    gchar* description = g_strdup_printf(
+        "Automatic gain control for S16 mono speech at %s: drives the volume of the element named by "
+        "volume-element, or else of the nearest upstream element with the GstStreamVolume interface "
+        "(pulsesrc, volume, ...), to bring speech into the gain control's band. The audio passes through "
+        "untouched. For each buffer it reads that volume (a person's change counts), gives the gain control "
+        "volume / max-volume as the gain, and sets the gain proposed times max-volume when the gain control "
+        "says it changed. Each decision is posted as an \"oku-agc\" element message (stream-time, "
+        "running-time, control, volume-before, volume-after, pause-db, speech-db). GAP buffers and a muted "
+        "volume element give the gain control nothing to hear. Without a volume element the proposals are "
+        "only posted. Manual: %s",
+        rates, OKU_GST_MANUAL);
+    gst_element_class_set_metadata(element_class, "Automatic gain control", "Filter/Effect/Audio", description,
+                                   "oku developers");
+    g_free(description);
+    g_free(rates);
 
     trans_class->transform_ip = GST_DEBUG_FUNCPTR(gst_oku_agc_transform_ip);
     trans_class->transform_ip_on_passthrough = TRUE;

@@ -610,10 +610,23 @@ static void gst_oku_vad_class_init(GstOkuVadClass* klass)
     GstCaps* caps = gst_oku_caps_new();
     gst_audio_filter_class_add_pad_templates(filter_class, caps);
     gst_caps_unref(caps);
-    gst_element_class_set_static_metadata(
-        element_class, "Voice activity analyzer", "Filter/Analyzer/Audio",
-        "Posts voice-activity messages where speech starts and ends and oku-volume readings; can pass only speech",
-        "oku developers");
+    gchar* rates = gst_oku_rates_text();
+    gchar* description = g_strdup_printf(
+        "Finds speech in S16 mono audio at %s. Posts a \"voice-activity\" element message where speech "
+        "starts and where it ends (stream-time, stream-has-voice, running-time, position), dated where the "
+        "analyzer dates it, and \"oku-volume\" meter readings at most once per interval (stream-time, "
+        "running-time, position, peak, level-dbfs, snr-pct, assessment, speech). Every buffer it passes "
+        "carries a GstAudioLevelMeta (its level in -dBov and whether it lies in speech) for RTP's audio-level "
+        "header extension. mode=pass lets the audio through untouched; mode=gate lets through only the "
+        "20 ms frames inside speech, with their timestamps, later by the analyzer's decision delay, which the "
+        "LATENCY query reports. GAP buffers are silence to the analyzer. The meter by design: a run's first "
+        "readings fall from 0 dBFS, snr-pct may be negative in speech, and too_noisy takes precedence over "
+        "too_loud and too_soft for as long as the noise estimate lasts. Manual: %s",
+        rates, OKU_GST_MANUAL);
+    gst_element_class_set_metadata(element_class, "Voice activity analyzer", "Filter/Analyzer/Audio", description,
+                                   "oku developers");
+    g_free(description);
+    g_free(rates);
     gst_type_mark_as_plugin_api(GST_TYPE_OKU_VAD_MODE, 0);
 
     trans_class->transform_ip = GST_DEBUG_FUNCPTR(gst_oku_vad_transform_ip);
