@@ -151,6 +151,9 @@ class Plugin(unittest.TestCase):
                 p = subprocess.run(["gst-inspect-1.0", name], capture_output=True, env=env, timeout=120)
                 self.assertEqual(0, p.returncode, p.stderr)
                 self.assertIn(work, p.stdout.decode())
+                # the manual the description names is installed there
+                manual = re.search(r"Manual: (\S+)", p.stdout.decode()).group(1)
+                self.assertTrue(os.path.isfile(os.path.join(work, manual)), manual)
         finally:
             shutil.rmtree(work)
 
@@ -325,6 +328,20 @@ class Vad(unittest.TestCase):
         self.assertEqual(events(silenced, rate), got)
         self.assertNotEqual(events(self.samples, rate), got)
         self.assertEqual({127}, {level for level, _ in levels[gap.start // 1000:gap.stop // 1000]})
+
+        # the same second as GAP events in place of the buffers
+        p, src = appsrc_pipeline("okuvad ! fakesink", rate)
+
+        def to_gap_event(pad, info):
+            buf = info.get_buffer()
+            if buf.get_flags() & Gst.BufferFlags.GAP:
+                pad.push_event(Gst.Event.new_gap(buf.pts, buf.duration))
+                return Gst.PadProbeReturn.DROP
+            return Gst.PadProbeReturn.OK
+        src.get_static_pad("src").add_probe(Gst.PadProbeType.BUFFER, to_gap_event)
+        feed(src, self.samples, rate, chunk=1000, gap=gap)
+        src.emit("end-of-stream")
+        self.assertEqual(got, [(pos, voice) for pos, voice, _, _ in activity(run(p))])
 
     def test_new_rate_and_flush_start_new_runs(self):
         # 2 s at 16 kHz ending inside speech, then the bursts at 8 kHz
