@@ -128,7 +128,26 @@ typedef struct {
     gint stop;
     guint answered;
     GstClockTime least; /* the smallest minimum latency answered */
+    /* The streaming thread, at its first buffer out, waits for a query made
+     * while it streams, so that the two overlap however the threads are
+     * scheduled. */
+    GMutex lock;
+    GCond cond;
+    gboolean streaming;
+    guint tried_while_streaming;
 } Querier;
+
+static GstPadProbeReturn wait_for_a_query(GstPad* pad, GstPadProbeInfo* info, gpointer data)
+{
+    Querier* q = data;
+    (void)pad, (void)info;
+    g_mutex_lock(&q->lock);
+    q->streaming = TRUE;
+    while (q->tried_while_streaming == 0)
+        g_cond_wait(&q->cond, &q->lock);
+    g_mutex_unlock(&q->lock);
+    return GST_PAD_PROBE_REMOVE;
+}
 
 static void count_buffer(GstElement* sink, GstBuffer* buf, GstPad* pad, gpointer data)
 {
@@ -150,6 +169,12 @@ static gpointer query_loop(gpointer data)
             q->answered++;
         }
         gst_query_unref(query);
+        g_mutex_lock(&q->lock);
+        if (q->streaming) {
+            q->tried_while_streaming++;
+            g_cond_broadcast(&q->cond);
+        }
+        g_mutex_unlock(&q->lock);
         /* a property the streaming thread reads for every reading */
         g_object_set(q->vad, "interval", (guint64)(i % 3) * 20 * GST_MSECOND, NULL);
     }
@@ -200,7 +225,12 @@ int main(int argc, char** argv)
         g_clear_error(&error);
         if (!pipeline)
             break;
-        Querier q = {gst_bin_get_by_name(GST_BIN(pipeline), "vad"), 0, 0, GST_CLOCK_TIME_NONE};
+        Querier q = {gst_bin_get_by_name(GST_BIN(pipeline), "vad"), 0, 0, GST_CLOCK_TIME_NONE, {0}, {0}, FALSE, 0};
+        g_mutex_init(&q.lock);
+        g_cond_init(&q.cond);
+        GstPad* out = gst_element_get_static_pad(q.vad, "src");
+        gst_pad_add_probe(out, GST_PAD_PROBE_TYPE_BUFFER, wait_for_a_query, &q, NULL);
+        gst_object_unref(out);
         gint frames = 0;
         GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
         g_signal_connect(sink, "handoff", G_CALLBACK(count_buffer), &frames);
@@ -216,11 +246,13 @@ int main(int argc, char** argv)
         g_thread_join(thread);
         gst_element_set_state(pipeline, GST_STATE_NULL);
         CHECK(g_atomic_int_get(&frames) > 0, "round %d: no speech frame came through", round);
-        CHECK(q.answered > 0, "round %d: no query answered", round);
+        CHECK(q.answered > 0 && q.tried_while_streaming > 0, "round %d: no query answered while streaming", round);
         CHECK(q.least >= gate, "round %d: latency %" GST_TIME_FORMAT " under the gate's %" GST_TIME_FORMAT, round,
               GST_TIME_ARGS(q.least), GST_TIME_ARGS(gate));
         gst_object_unref(bus);
         gst_object_unref(q.vad);
+        g_mutex_clear(&q.lock);
+        g_cond_clear(&q.cond);
         gst_object_unref(pipeline);
     }
     if (!failures)
