@@ -5,12 +5,13 @@
 #   make tsan   the thread tests under ThreadSanitizer
 #   make fuzz   each fuzz target for FUZZ_SECONDS (default 60)
 #   make memcheck  the unit tests and the oku command under valgrind
+#   make docs   redraw the README's figure and rewrite docs/settings.md from the library
 #   make bench  benchmarks in Release on five kinds of audio, beside the reference kernel and peer libraries
 BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build run test golden tsan fuzz memcheck bench clean
+.PHONY: all setup build run test golden docs tsan fuzz memcheck bench clean
 FUZZ_SECONDS ?= 60
 
 all: build
@@ -46,6 +47,12 @@ test: build
 # for a change that is meant to alter results; review the diff before committing.
 golden: build
 	OKU_GOLDEN_UPDATE=1 $(BUILD)/tests/golden_test
+
+# The pages generated from the library: the README's figure (the command's plot
+# of the shipped recording) and the settings tables. A test checks settings.md.
+docs: build
+	$(BUILD)/oku vad --no-progress --plot docs/speech16k.svg data/speech16k.wav > /dev/null
+	OKU_LIBRARY=$(BUILD)/libOKUVAD.so /usr/bin/python3 scripts/gen_settings.py docs/settings.md
 
 # The thread tests (every test with "Thread" in its name) under ThreadSanitizer.
 tsan: setup
