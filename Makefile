@@ -81,9 +81,9 @@ bench:
 	build-bench/bench/oku_bench --benchmark_repetitions=21 --benchmark_enable_random_interleaving=true \
 	      --benchmark_min_time=0.05 --benchmark_display_aggregates_only=true \
 	      --benchmark_out=build-bench/results.json --benchmark_out_format=json $(BENCH_FLAGS)
-	python3 bench/report.py build-bench/results.json
 	build-bench/bench/oku_latency > build-bench/latency.md
 	@cat build-bench/latency.md
+	python3 bench/report.py build-bench/results.json --markdown docs/performance.md --latency build-bench/latency.md
 
 clean:
 	rm -rf $(BUILD)

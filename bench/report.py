@@ -1,6 +1,11 @@
 """Turns a JSON run of oku_bench into tables of figures and ratios, and checks the goals.
 
-usage: python3 bench/report.py results.json
+usage: python3 bench/report.py results.json [--markdown OUT.md [--latency latency.md]]
+
+With --markdown, also writes OUT.md (docs/performance.md in `make bench`): the
+prose of bench/performance.md.in with its @NAME@ markers replaced by this
+run's tables, goals and, from --latency, the per-call time table, so that no
+figure is ever copied by hand.
 
 Case names are CASE/CONTENT/RATE[/CHUNK] (bench/bench.cpp). Each case counts
 with the fastest of its repetitions: on a shared machine whose speed drifts,
@@ -13,7 +18,10 @@ the many-streams rows, and the goals. Cases it does not know are left out of
 the tables. Exit status 1 when a goal is not met or
 could not be measured.
 """
+import contextlib
+import io
 import json
+import os
 import sys
 
 CONTENTS = ["speech_silence", "speech_noise", "noise", "silence", "loud"]
@@ -216,11 +224,51 @@ def goals(run):
     return failed
 
 
-def main(path):
+def captured(fn, *args):
+    """What fn prints, and what it returns."""
+    out = io.StringIO()
+    with contextlib.redirect_stdout(out):
+        value = fn(*args)
+    return out.getvalue().strip(), value
+
+
+def machine(context):
+    return "%s CPUs at %s MHz; load average %s" % (context.get("num_cpus"), context.get("mhz_per_cpu"),
+                                                  context.get("load_avg"))
+
+
+def write_markdown(template_path, out_path, context, run, latency_text):
+    """Fills the template's markers with the tables of this run. The table
+    functions print a caption line before some tables; only the table itself
+    (from its header row on) goes into the page, whose prose says the rest."""
+    def table(fn):
+        text, _ = captured(fn, run)
+        lines = text.splitlines()
+        start = next((i for i, line in enumerate(lines) if line.startswith("|")), len(lines))
+        return "\n".join(lines[start:]) or "(not measured in this run)"
+
+    goals_text, _ = captured(goals, Run(run.rows))
+    values = {
+        "MACHINE": machine(context),
+        "CONTENT": table(content_table),
+        "CHUNKS": table(chunk_table),
+        "STREAMS": table(stream_table),
+        "MANY": table(many_table),
+        "LATENCY": latency_text.strip() if latency_text else "(not measured in this run)",
+        "GOALS": goals_text,
+    }
+    with open(template_path, encoding="utf-8") as f:
+        page = f.read()
+    for key, value in values.items():
+        page = page.replace("@%s@" % key, value)
+    with open(out_path, "w", encoding="utf-8") as f:
+        f.write(page)
+
+
+def main(path, markdown=None, latency=None):
     context, rows, errors = load(path)
     run = Run(rows)
-    print("Machine: %s CPUs at %s MHz; load average %s" % (context.get("num_cpus"), context.get("mhz_per_cpu"),
-                                                          context.get("load_avg")))
+    print("Machine: " + machine(context))
     for name in sorted(rows):
         label = rows[name]["counters"].get("label")
         if label and name.startswith("kernel/"):
@@ -237,8 +285,28 @@ def main(path):
     unknown = sorted(set(rows) - run.used)
     if unknown:
         print("not in the tables: %s" % ", ".join(unknown))
+    if markdown:
+        latency_text = None
+        if latency:
+            with open(latency, encoding="utf-8") as f:
+                latency_text = f.read()
+        template = os.path.join(os.path.dirname(os.path.abspath(__file__)), "performance.md.in")
+        write_markdown(template, markdown, context, Run(rows), latency_text)
     return 1 if failed or errors else 0
 
 
+def parse_args(argv):
+    if not argv or argv[0].startswith("-"):
+        sys.exit(__doc__.split("\n\n")[1])
+    options = {"--markdown": None, "--latency": None}
+    rest = argv[1:]
+    while rest:
+        if rest[0] not in options or len(rest) < 2:
+            sys.exit("report.py: unknown option or missing value: " + rest[0])
+        options[rest[0]] = rest[1]
+        rest = rest[2:]
+    return argv[0], options["--markdown"], options["--latency"]
+
+
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1]))
+    sys.exit(main(*parse_args(sys.argv[1:])))
