@@ -73,7 +73,7 @@ std::string HelpText(const std::string& command)
     return "usage: oku vad|agc [options] FILE...\n"
            "       oku vad --help | oku agc --help | oku --version\n\n"
            "  vad   speech segments and volume readings\n"
-           "  agc   gain decisions of the automatic gain control in a closed loop\n";
+           "  agc   gain decisions of the automatic gain control in a closed loop\n\nEvery option, output and exit status: man oku (oku.1 in the source tree).\n";
 }
 
 Request ParseOptions(int argc, char** argv, Options& o)

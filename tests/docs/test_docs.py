@@ -1,0 +1,209 @@
+"""Checks that the manuals say what the library and the command do.
+
+Run by ctest with OKU_LIBRARY (the built libOKUVAD) and OKU_COMMAND (the built
+oku command, or empty when it is not built) in the environment.
+"""
+import json
+import os
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+sys.path.insert(0, os.path.join(ROOT, "scripts"))
+sys.path.insert(0, os.path.join(ROOT, "bench"))
+sys.path.insert(0, os.path.join(ROOT, "python"))
+
+
+def read(*path):
+    with open(os.path.join(ROOT, *path), encoding="utf-8") as f:
+        return f.read()
+
+
+def manuals():
+    """README.md, python/README.md and every page of docs/, relative to ROOT."""
+    pages = ["README.md", "python/README.md"]
+    pages += sorted("docs/" + n for n in os.listdir(os.path.join(ROOT, "docs")) if n.endswith(".md"))
+    return pages
+
+
+def slug(heading):
+    """The anchor a Markdown renderer gives a heading: lower case, punctuation
+    other than hyphens and underscores dropped, spaces as hyphens."""
+    text = re.sub(r"[`*]", "", heading.strip().lower())
+    text = re.sub(r"[^\w\- ]", "", text)
+    return text.replace(" ", "-")
+
+
+def anchors(text):
+    text = re.sub(r"```.*?```", "", text, flags=re.S)
+    return {slug(m.group(1)) for m in re.finditer(r"^#{1,6} +(.+)$", text, flags=re.M)}
+
+
+class CInterfaceManual(unittest.TestCase):
+    def test_every_declared_function_is_described(self):
+        page = read("docs", "c-api.md")
+        described = set(re.findall(r"^\| `((?:oku|OKUVAD|OKUAGC)_\w+)` \| [\w.]+ \| \S", page, flags=re.M))
+        declared = set()
+        for header in ("okuvad.h", "oku.h"):
+            for line in read("OKUVAD", header).splitlines():
+                m = re.match(r"^(?:OKU_API|OKUVAD_API)\s.*?\b((?:oku|OKUVAD|OKUAGC)_\w+)\s*\(", line)
+                if m:
+                    declared.add(m.group(1))
+        self.assertGreaterEqual(len(declared), 7 + 30, "the headers' declarations were not found")
+        self.assertEqual(sorted(declared - described), [], "declared but not described in docs/c-api.md")
+        self.assertEqual(sorted(described - declared), [], "described in docs/c-api.md but not declared")
+
+
+class SettingsPage(unittest.TestCase):
+    def test_settings_page_is_what_the_script_writes(self):
+        import gen_settings
+        self.assertEqual(read("docs", "settings.md"), gen_settings.page(),
+                         "docs/settings.md is out of date: run make docs")
+
+    def test_every_key_of_the_library_is_on_the_page(self):
+        # Independent of the script's formatting: each key the library
+        # accepts appears as a table row, and a made-up key is refused.
+        import oku
+        page = read("docs", "settings.md")
+        for service in ("vad", "agc"):
+            for s in oku.settings(service):
+                self.assertIn("| `%s` |" % s.key, page)
+        self.assertIn("| `EOSTimeoutMs` | `eos-timeout-ms` | 420 | ms |", page)
+
+
+class Links(unittest.TestCase):
+    def test_relative_links_resolve(self):
+        broken = []
+        for page in manuals():
+            text = read(page)
+            text_no_code = re.sub(r"```.*?```", "", text, flags=re.S)
+            for target in re.findall(r"\]\(([^)\s]+)\)", text_no_code):
+                if re.match(r"^[a-z]+:", target):
+                    continue
+                path, _, anchor = target.partition("#")
+                full = os.path.normpath(os.path.join(ROOT, os.path.dirname(page), path)) if path else \
+                    os.path.join(ROOT, page)
+                if not os.path.exists(full):
+                    broken.append("%s: %s (no such file)" % (page, target))
+                elif anchor and full.endswith(".md"):
+                    with open(full, encoding="utf-8") as f:
+                        if anchor not in anchors(f.read()):
+                            broken.append("%s: %s (no such heading)" % (page, target))
+        self.assertEqual(broken, [])
+
+    def test_slugs(self):
+        self.assertEqual(slug("Choices this library makes"), "choices-this-library-makes")
+        self.assertEqual(slug("The seven plain functions (`okuvad.h`)"), "the-seven-plain-functions-okuvadh")
+
+
+class ManPage(unittest.TestCase):
+    def test_lints_clean(self):
+        groff = shutil.which("groff")
+        if not groff:
+            self.skipTest("groff is not installed")
+        run = subprocess.run([groff, "-man", "-ww", "-z", os.path.join(ROOT, "oku.1")],
+                             capture_output=True, text=True, timeout=120)
+        self.assertEqual((run.returncode, run.stderr), (0, ""))
+
+    def test_every_option_of_the_command_is_documented(self):
+        # The options the parser takes, read from its source, each appear in
+        # the man page (as \-\-name).
+        source = read("tools", "oku", "options.cpp")
+        options = set(re.findall(r'a == "(--[a-z-]+)"', source))
+        self.assertIn("--split", options)
+        page = read("oku.1").replace("\\-", "-")
+        self.assertEqual(sorted(o for o in options if o not in page), [])
+
+
+def command_lines():
+    """Every `oku ...` line in the README's shell blocks and the man page's
+    examples, as argument lists after the command's name."""
+    lines = []
+    for block in re.findall(r"```sh\n(.*?)```", read("README.md"), flags=re.S):
+        lines += [l for l in block.splitlines()]
+    man = read("oku.1").replace("\\-", "-")
+    for block in re.findall(r"^\.EX\n(.*?)^\.EE", man, flags=re.S | re.M):
+        lines += block.splitlines()
+    found = []
+    for line in lines:
+        line = line.split("#")[0]
+        for part in line.split("|"):
+            words = shlex.split(part)
+            if words and os.path.basename(words[0]) == "oku":
+                found.append(words[1:])
+    return found
+
+
+class CommandLines(unittest.TestCase):
+    OUTPUTS = {"--plot", "--split", "--log", "--out"}
+
+    def test_shown_command_lines_run(self):
+        command = os.environ.get("OKU_COMMAND")
+        if not command:
+            self.skipTest("the oku command is not built")
+        shown = command_lines()
+        self.assertGreaterEqual(len(shown), 5)
+        speech = os.path.join(ROOT, "data", "speech16k.wav")
+        with open(speech, "rb") as f:
+            audio = f.read()
+        for args in shown:
+            with self.subTest(args=args), tempfile.TemporaryDirectory() as tmp:
+                # Inputs become the shipped recording, outputs go to a temporary folder.
+                fixed, previous = [], None
+                for a in args:
+                    if previous in self.OUTPUTS:
+                        a = os.path.join(tmp, os.path.basename(a))
+                    elif a.endswith(".wav") and not a.startswith("-"):
+                        a = speech
+                    fixed.append(a)
+                    previous = a
+                run = subprocess.run([command] + fixed + ["--no-progress"], input=audio, capture_output=True,
+                                     timeout=300, cwd=tmp)
+                self.assertEqual(run.returncode, 0, run.stderr.decode(errors="replace"))
+                self.assertTrue(run.stdout, "no records printed")
+
+
+class PerformanceReport(unittest.TestCase):
+    def test_report_writes_the_page_from_a_run(self):
+        import report
+
+        def case(name, items_per_second):
+            return {"name": name, "run_name": name, "run_type": "iteration", "items_per_second": items_per_second}
+
+        # Kernel at 4 ns per sample; two repetitions of the analyzer, of
+        # which the faster (2 ns) counts: 0.50 of the kernel.
+        results = {"context": {"num_cpus": 2, "mhz_per_cpu": 3000, "load_avg": [0.5]},
+                   "benchmarks": [case("kernel/speech_noise/16000", 2.5e8),
+                                  case("vad_handle/speech_noise/16000/20ms", 4e8),
+                                  case("vad_handle/speech_noise/16000/20ms", 5e8),
+                                  case("many/16000/16", 1e9)]}
+        with tempfile.TemporaryDirectory() as tmp:
+            path, out, latency = (os.path.join(tmp, n) for n in ("results.json", "performance.md", "latency.md"))
+            with open(path, "w") as f:
+                json.dump(results, f)
+            with open(latency, "w") as f:
+                f.write("| case | rate | median us |\n|---|---:|---:|\n| oku_vad_process | 16000 | 7.25 |\n")
+            with open(os.devnull, "w") as null:
+                stdout, sys.stdout = sys.stdout, null
+                try:
+                    status = report.main(path, out, latency)
+                finally:
+                    sys.stdout = stdout
+            with open(out, encoding="utf-8") as f:
+                page = f.read()
+        self.assertEqual(status, 1, "goals that were not measured must fail the run")
+        self.assertNotRegex(page, r"@[A-Z]+@")
+        self.assertIn("| speech_noise | 16000 | 4.00 | 0.50, - |", page)
+        self.assertIn("| many | 16000 | 16 |  | 1.00 | 0.25 |", page)
+        self.assertIn("| oku_vad_process | 16000 | 7.25 |", page)
+        self.assertIn("2 CPUs at 3000 MHz", page)
+        self.assertIn("not measured", page)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
