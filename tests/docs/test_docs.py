@@ -25,8 +25,9 @@ def read(*path):
 
 
 def manuals():
-    """README.md, python/README.md and every page of docs/, relative to ROOT."""
-    pages = ["README.md", "python/README.md"]
+    """README.md, the folders' README.md and every page of docs/, relative to ROOT."""
+    pages = ["README.md"] + sorted(d + "/README.md" for d in os.listdir(ROOT)
+                                   if os.path.isfile(os.path.join(ROOT, d, "README.md")))
     pages += sorted("docs/" + n for n in os.listdir(os.path.join(ROOT, "docs")) if n.endswith(".md"))
     return pages
 
