@@ -105,8 +105,7 @@ class Links(unittest.TestCase):
 class ManPage(unittest.TestCase):
     def test_lints_clean(self):
         groff = shutil.which("groff")
-        if not groff:
-            self.skipTest("groff is not installed")
+        self.assertTrue(groff, "groff is missing: scripts/setup.sh installs groff-base")
         run = subprocess.run([groff, "-man", "-ww", "-z", os.path.join(ROOT, "oku.1")],
                              capture_output=True, text=True, timeout=120)
         self.assertEqual((run.returncode, run.stderr), (0, ""))
