@@ -168,6 +168,56 @@ class CommandLines(unittest.TestCase):
                 self.assertTrue(run.stdout, "no records printed")
 
 
+class ReadmeExample(unittest.TestCase):
+    """The README's C example, built against the headers and the library and
+    run over the shipped recording in its 20 ms chunks: it must find the two
+    sentences (data/speech16k.txt puts them at samples 16000-62822 and
+    86822-122855; a segment is dated back before its first loud frame and
+    closes after the end-of-speech pause)."""
+
+    def test_example_builds_and_finds_both_sentences(self):
+        library = os.environ.get("OKU_LIBRARY")
+        compiler = shutil.which("cc") or shutil.which("gcc")
+        if not library or not compiler:
+            self.skipTest("needs OKU_LIBRARY and a C compiler")
+        example = re.search(r"```c\n(.*?)```", read("README.md"), flags=re.S).group(1)
+        host = example + r"""
+#include <stdlib.h>
+int main(int argc, char** argv)
+{
+    FILE* f = fopen(argv[1], "rb");
+    static int16_t pcm[1 << 20];
+    size_t total, at;
+    if (argc < 2 || !f || fseek(f, 44, SEEK_SET) != 0) return 2;   /* the recording has a plain 44-byte header */
+    total = fread(pcm, 2, sizeof pcm / 2, f);
+    fclose(f);
+    if (start() != 0) return 1;
+    for (at = 0; at < total; at += chunk)
+        on_capture(pcm + at, total - at < chunk ? total - at : chunk);
+    stop();
+    return 0;
+}
+"""
+        with tempfile.TemporaryDirectory() as tmp:
+            source, program = os.path.join(tmp, "host.c"), os.path.join(tmp, "host")
+            with open(source, "w") as f:
+                f.write(host)
+            build = subprocess.run([compiler, "-std=c11", "-Wall", "-Wextra", "-Werror", "-I", os.path.join(ROOT, "OKUVAD"),
+                                    source, library, "-o", program, "-Wl,-rpath," + os.path.dirname(library)],
+                                   capture_output=True, text=True, timeout=300)
+            self.assertEqual(build.returncode, 0, build.stderr)
+            run = subprocess.run([program, os.path.join(ROOT, "data", "speech16k.wav")], capture_output=True,
+                                 text=True, timeout=300)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        starts = [int(l.split()[-1]) for l in run.stdout.splitlines() if l.startswith("speech from")]
+        ends = [int(l.split()[-1]) for l in run.stdout.splitlines() if l.startswith("speech to")]
+        self.assertEqual(len(starts), 2, run.stdout)
+        self.assertEqual(len(ends), 2, run.stdout)
+        for start, end, (first, last) in zip(starts, ends, ((16000, 62822), (86822, 122855))):
+            self.assertTrue(first - 16000 * 0.5 < start <= first, (start, first))
+            self.assertTrue(last < end < last + 16000 * 1.0, (end, last))
+
+
 class PerformanceReport(unittest.TestCase):
     def test_report_writes_the_page_from_a_run(self):
         import report
