@@ -168,6 +168,22 @@ class CommandLines(unittest.TestCase):
                 self.assertTrue(run.stdout, "no records printed")
 
 
+    def test_output_shown_in_the_readme_is_the_commands(self):
+        command = os.environ.get("OKU_COMMAND")
+        if not command:
+            self.skipTest("the oku command is not built")
+        shown = re.search(r"```sh\nbuild/oku vad data/speech16k.wav\n```\n```\n(.*?)```", read("README.md"), flags=re.S)
+        self.assertTrue(shown, "the README shows no output of oku vad on the recording")
+        run = subprocess.run([command, "vad", "--no-progress", os.path.join(ROOT, "data", "speech16k.wav")],
+                             capture_output=True, text=True, timeout=300)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        actual = run.stdout.splitlines()
+        for line in shown.group(1).splitlines():
+            # The summary is shown cut short ("..."): its shown part must begin the real one.
+            prefix = line[:-3].rstrip() if line.endswith("...") else None
+            self.assertTrue(any(a.startswith(prefix) for a in actual) if prefix else line in actual, line)
+
+
 class ReadmeExample(unittest.TestCase):
     """The README's C example, built against the headers and the library and
     run over the shipped recording in its 20 ms chunks: it must find the two
