@@ -10,6 +10,7 @@ Child processes are read through their raw pipe descriptors with os.read and
 our own line splitting, and every wait has a generous timeout: nothing here
 depends on how fast or idle the machine is.
 """
+import array
 import json
 import os
 import resource
@@ -482,15 +483,20 @@ class Samples(OkuTest):
         self.assertEqual([0.86, 3.36], [r["start_s"] for r in records(p.stdout, "segment")])
 
     def test_a_rejected_input_releases_what_it_opened(self):
-        bad = self.path("bad.wav")
+        # Files libsndfile refuses, and WAV files it opens that hold no audio.
+        bad, empty = self.path("bad.wav"), self.path("empty.wav")
         with open(bad, "w") as f:
             f.write("not audio\n")
-        limit = 48
-        p = run("vad", "--jobs", "1", "--format", "json", *([bad] * (3 * limit)), self.wav,
-                preexec=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit)))
-        self.assertEqual(1, p.returncode)
-        self.assertEqual([self.wav], [r["file"] for r in records(p.stdout, "summary")])
-        self.assertNotIn(b"Too many open files", p.stderr)
+        write_wav(empty, 16000, array.array("h"))
+        limit = 30
+        for rejected, message in ((bad, b"not an audio file"), (empty, b"no audio in it (empty)")):
+            for command in ("vad", "agc"):
+                p = run(command, "--jobs", "1", "--format", "json", *([rejected] * (3 * limit)), self.wav,
+                        preexec=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit)))
+                self.assertEqual(1, p.returncode)
+                self.assertEqual([self.wav], [r["file"] for r in records(p.stdout, "summary")])
+                self.assertEqual(3 * limit, p.stderr.count(message), p.stderr[-300:])
+                self.assertNotIn(b"Too many open files", p.stderr)
 
 
 class GainControl(OkuTest):

@@ -36,6 +36,12 @@ public:
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
     int Get() const { return _fd; }
+    void Reset(int fd)
+    {
+        if (_fd >= 0)
+            ::close(_fd);
+        _fd = fd;
+    }
     int Release()
     {
         const int fd = _fd;
@@ -142,21 +148,23 @@ int Spool(int fd)
 // Any file libsndfile reads.
 class SndSource : public Source {
 public:
+    // Every member that holds a resource is whole before anything can throw,
+    // so that a refused input (an empty one, say) releases what it opened:
+    // a constructor that throws runs the members' destructors, not its own.
     explicit SndSource(const std::string& name)
     {
-        Fd fd(Open(name));
+        _fd.Reset(Open(name));
         struct stat st;
-        if (::fstat(fd.Get(), &st) == 0 && st.st_size == 0)
+        if (::fstat(_fd.Get(), &st) == 0 && st.st_size == 0)
             throw InputError("empty file");
-        const long headerRate = WaveHeaderRate(fd.Get());
+        const long headerRate = WaveHeaderRate(_fd.Get());
         SF_INFO info{};
-        _file.reset(sf_open_fd(fd.Get(), SFM_READ, &info, SF_FALSE));
+        _file.reset(sf_open_fd(_fd.Get(), SFM_READ, &info, SF_FALSE));
         if (!_file) {
             if (headerRate >= 0)
                 CheckRate(headerRate, "in its header");
             throw InputError(std::string("not an audio file libsndfile can read (") + sf_strerror(nullptr) + ")");
         }
-        _fd = fd.Release();  // closed after the SNDFILE (see the destructor)
         _rate = info.samplerate;
         _channels = info.channels;
         _subtype = info.format & SF_FORMAT_SUBMASK;
@@ -169,12 +177,6 @@ public:
             throw InputError("cannot use " + std::to_string(_channels) + " channels");
     }
 
-    ~SndSource() override
-    {
-        _file.reset();
-        if (_fd >= 0)
-            ::close(_fd);
-    }
 
     bool Read(Block& block, std::size_t maxFrames) override
     {
@@ -223,8 +225,8 @@ private:
         return Spool(fd.Get());
     }
 
+    Fd _fd;           // declared first: closed after the SNDFILE that reads it
     SndfilePtr _file;
-    int _fd = -1;
     std::vector<std::int32_t> _ints;
     std::vector<float> _floats;
 };
