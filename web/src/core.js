@@ -42,7 +42,7 @@ function utf8Decode(bytes) {
 // (halves up), held to -32768..32767; NaN gives 0.
 export function toInt16(x) {
   const v = Math.round(x * 32768);
-  return v > 32767 ? 32767 : v < -32768 ? -32768 : v === v ? v : 0;
+  return v > 32767 ? 32767 : v < -32768 ? -32768 : v | 0;
 }
 
 // "speech_start" -> "speech-start": the library's names in the package's spelling.
