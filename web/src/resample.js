@@ -8,8 +8,8 @@
 //   stopband  from 0.5 * low (its Nyquist frequency): at least 60 dB down
 // Output n stands for input instant n * inRate / outRate exactly (the filter
 // is centred there, so positions carry no delay); producing it needs the
-// input up to `delay` frames later (the filter's half length): 55 frames at
-// 48 kHz (1.15 ms), 37 at 44.1 kHz (0.84 ms).
+// input up to `delay` frames later (the filter's half length): 61 frames at
+// 48 kHz (1.27 ms), 41 at 44.1 kHz (0.93 ms).
 
 export const PASSBAND = 0.4;
 export const STOPBAND = 0.5;
