@@ -55,22 +55,3 @@ export function bursts(rate, seconds = 6, noise = 100, tone = 8000) {
   }
   return out;
 }
-
-// A mono 16-bit WAV file's bytes.
-export function wav(samples, rate) {
-  const data = Buffer.from(samples.buffer, samples.byteOffset, samples.byteLength);
-  const h = Buffer.alloc(44);
-  h.write('RIFF', 0);
-  h.writeUInt32LE(36 + data.length, 4);
-  h.write('WAVEfmt ', 8);
-  h.writeUInt32LE(16, 16);
-  h.writeUInt16LE(1, 20);
-  h.writeUInt16LE(1, 22);
-  h.writeUInt32LE(rate, 24);
-  h.writeUInt32LE(rate * 2, 28);
-  h.writeUInt16LE(2, 32);
-  h.writeUInt16LE(16, 34);
-  h.write('data', 36);
-  h.writeUInt32LE(data.length, 40);
-  return Buffer.concat([h, data]);
-}
