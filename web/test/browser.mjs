@@ -72,9 +72,12 @@ export function launch(url, samples, rate, { pipe = false, size = '900,700' } = 
   const child = spawn('chromium', args, { stdio: ['ignore', 'ignore', 'pipe', ...(pipe ? ['pipe', 'pipe'] : [])] });
   let log = '';
   child.stderr.on('data', (d) => (log = (log + d).slice(-4000)));
+  const exited = new Promise((_, reject) =>
+    child.on('exit', (code, signal) => reject(new Error('chromium ended (' + (signal || code) + ') before the page reported:\n' + log))));
+  exited.catch(() => {});
   return {
     child,
-    log: () => log,
+    exited,
     stop() {
       if (child.exitCode === null) child.kill('SIGKILL');
       rmSync(dir, { recursive: true, force: true });

@@ -35,7 +35,7 @@ test('the worklet node finds the recording\'s segments in Chromium', { skip: mis
   const server = await serve();
   const browser = launch(server.url + '/test/chromium.html', bursts(48000), 48000);
   try {
-    const got = await guard(server.result, 90, 'the Chromium page');
+    const got = await guard(Promise.race([server.result, browser.exited]), 90, 'the Chromium page');
     assert.equal(got.error, undefined, got.error);
     const want = await reference(got.sampleRate, got.libraryRate);
     assert.deepEqual(got.events.map((e) => e.type), want.map((e) => e.type));
