@@ -20,7 +20,7 @@ export function chromiumMissing() {
 }
 
 // Serves WEB on 127.0.0.1 and resolves `result` with the first POST /result body.
-export async function serve() {
+export async function serve(port = 0) {
   let deliver;
   const result = new Promise((resolve) => (deliver = resolve));
   const server = createServer((req, res) => {
@@ -33,7 +33,8 @@ export async function serve() {
       });
       return;
     }
-    const path = normalize(join(WEB, decodeURIComponent(new URL(req.url, 'http://x').pathname)));
+    let path = normalize(join(WEB, decodeURIComponent(new URL(req.url, 'http://x').pathname)));
+    if (path.endsWith('/')) path += 'index.html';
     if (!path.startsWith(WEB)) {
       res.writeHead(403).end();
       return;
@@ -50,7 +51,7 @@ export async function serve() {
       res.writeHead(404).end();
     }
   });
-  await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
+  await new Promise((resolve) => server.listen(port, '127.0.0.1', resolve));
   return { url: 'http://127.0.0.1:' + server.address().port, result, close: () => server.close() };
 }
 
@@ -78,9 +79,13 @@ export function launch(url, samples, rate, { pipe = false, size = '900,700' } = 
   return {
     child,
     exited,
-    stop() {
-      if (child.exitCode === null) child.kill('SIGKILL');
-      rmSync(dir, { recursive: true, force: true });
+    async stop() {
+      if (child.exitCode === null && child.signalCode === null) {
+        const ended = new Promise((resolve) => child.on('exit', resolve));
+        child.kill('SIGKILL');
+        await ended;
+      }
+      rmSync(dir, { recursive: true, force: true, maxRetries: 5 });
     },
   };
 }
