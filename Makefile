@@ -81,6 +81,8 @@ bench:
 	      --benchmark_min_time=0.05 --benchmark_display_aggregates_only=true \
 	      --benchmark_out=build-bench/results.json --benchmark_out_format=json $(BENCH_FLAGS)
 	python3 bench/report.py build-bench/results.json
+	build-bench/bench/oku_latency > build-bench/latency.md
+	@cat build-bench/latency.md
 
 # The npm package (web/): built from the library's sources by emscripten.
 WEB_TOOLS = emscripten esbuild zopfli nodejs chromium

@@ -2,7 +2,9 @@
 // (Statuses and messages: status.h; the facts for front ends: facts.cpp.)
 #include "oku.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <ostream>
@@ -28,8 +30,7 @@ struct oku_vad {
     oku::AudioAnalyzer analyzer;
     double rate;
     bool frames;
-    // Keeps the samples of the last frames handed out alive until the next call.
-    std::vector<oku::AnalyzerResultPtr> handedOut;
+    std::uint64_t repeatMark = 0;  // for the repeat check of the many-call
 
     oku_vad(const char* params, double samplingRate, bool supplyFrames)
         : analyzer(params ? params : "", samplingRate, supplyFrames), rate(samplingRate), frames(supplyFrames)
@@ -38,6 +39,8 @@ struct oku_vad {
         analyzer.SetFrameResults(supplyFrames);
     }
 };
+
+static std::uint64_t& RepeatMark(oku_vad* v) { return v->repeatMark; }
 
 namespace {
 
@@ -73,7 +76,7 @@ int CheckMany(const char* name, Handle* const* handles, const int16_t* const* sa
         if (!samples[i] && counts[i] > 0)
             return Fail(OKU_ERR_NULL, at("samples", i) + " is null");
     }
-    const std::size_t repeat = oku::FindRepeat(handles, n);
+    const std::size_t repeat = oku::FindRepeat(handles, n);  // allocation-free
     if (repeat != n)
         return Fail(OKU_ERR_ARGUMENT, at(name, repeat) + " repeats an earlier handle");
     return OKU_OK;
@@ -82,41 +85,37 @@ int CheckMany(const char* name, Handle* const* handles, const int16_t* const* sa
 // Fills one C result from an analyzer result; false for the results this
 // interface does not hand out (the marks that accompany starts and ends, and
 // frames when frames were not asked for).
-bool Convert(oku_vad& vad, const oku::AnalyzerResultPtr& r, oku_vad_result& out)
+bool Convert(const oku_vad& vad, const oku::QueuedResult& r, oku_vad_result& out)
 {
     oku_vad_result c{};
-    switch (r->GetType()) {
-    case oku::AnalyzerResult::RT_Event: {
-        const auto& e = static_cast<const oku::AnalyzerEvent&>(*r);
-        if (e.GetTag() != oku::AnalyzerEvent::SpeechStart && e.GetTag() != oku::AnalyzerEvent::SpeechEnd)
+    switch (r.type) {
+    case oku::AnalyzerResult::RT_Event:
+        if (r.tag != oku::AnalyzerEvent::SpeechStart && r.tag != oku::AnalyzerEvent::SpeechEnd)
             return false;
-        c.type = e.GetTag() == oku::AnalyzerEvent::SpeechStart ? OKU_VAD_SPEECH_START : OKU_VAD_SPEECH_END;
-        c.speech = e.GetTag() == oku::AnalyzerEvent::SpeechStart;
-        c.time_ms = e.GetTimeMs();
+        c.type = r.tag == oku::AnalyzerEvent::SpeechStart ? OKU_VAD_SPEECH_START : OKU_VAD_SPEECH_END;
+        c.speech = r.tag == oku::AnalyzerEvent::SpeechStart;
+        c.time_ms = r.timeMs;
         break;
-    }
-    case oku::AnalyzerResult::RT_VolumeMeter: {
-        const auto& m = static_cast<const oku::AnalyzerVolumeMeter&>(*r);
+    case oku::AnalyzerResult::RT_VolumeMeter:
         c.type = OKU_VAD_VOLUME;
-        c.speech = m.IsSpeechState();
-        c.time_ms = m.GetTimeMs();
-        c.assessment = static_cast<int32_t>(m.GetInfo());
-        c.peak = m.GetVolume();
-        c.level_dbfs = m.GetVolumedBFS();
-        c.snr_pct = m.GetSNRVolumePct();
+        c.speech = r.speech;
+        c.time_ms = r.timeMs;
+        c.assessment = r.tag;
+        c.peak = r.volume;
+        c.level_dbfs = r.volumedBFS;
+        c.snr_pct = r.snrPct;
         break;
-    }
     case oku::AnalyzerResult::RT_AudioFrame: {
         if (!vad.frames)
             return false;
-        const auto& f = static_cast<const oku::AnalyzerAudioFrame&>(*r);
         c.type = OKU_VAD_FRAME;
-        c.speech = f.IsSpeechSegmentFrame();
-        c.frame_index = f.GetFrameIndex();
-        c.time_ms = f.GetFrameIndex() * vad.analyzer.GetFrameSizeMs();
-        c.sample_count = static_cast<int32_t>(f.GetData().size());
-        c.samples = f.GetData().empty() ? nullptr : f.GetData().data();
-        vad.handedOut.push_back(r);
+        c.speech = r.speech;
+        c.frame_index = r.frameIndex;
+        c.time_ms = r.frameIndex * vad.analyzer.GetFrameSizeMs();
+        c.sample_count = static_cast<int32_t>(r.samples.size());
+        // The analyzer leaves a taken result as it is until it queues the
+        // next one, which only a later process or flush call does.
+        c.samples = r.samples.empty() ? nullptr : r.samples.data();
         break;
     }
     }
@@ -128,11 +127,12 @@ bool Convert(oku_vad& vad, const oku::AnalyzerResultPtr& r, oku_vad_result& out)
 // Takes up to capacity results the interface hands out.
 std::size_t Take(oku_vad& vad, oku_vad_result* out, std::size_t capacity)
 {
-    vad.handedOut.clear();
     std::size_t count = 0;
-    oku::AnalyzerResultPtr r;
-    while (count < capacity && vad.analyzer.GetResult(r)) {
-        if (Convert(vad, r, out[count]))
+    while (count < capacity) {
+        const oku::QueuedResult* r = vad.analyzer.TakeResult();
+        if (!r)
+            break;
+        if (Convert(vad, *r, out[count]))
             ++count;
     }
     return count;
@@ -173,6 +173,7 @@ struct oku_agc {
     std::shared_ptr<std::ostream> stream{new std::ostream(buf.get())};
     bool updated = false;
     bool changed = false;
+    std::uint64_t repeatMark = 0;  // for the repeat check of the many-call
     oku::AGC agc;
 
     oku_agc(const char* params, int rate) : agc(params ? params : "", rate) {}
@@ -190,6 +191,8 @@ struct oku_agc {
         return changed ? static_cast<double>(proposed) : gain;
     }
 };
+
+static std::uint64_t& RepeatMark(oku_agc* a) { return a->repeatMark; }
 
 extern "C" {
 
@@ -220,7 +223,6 @@ OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n)
     if (!samples && n > 0)
         return Null("samples");
     return Guard([&] {
-        vad->handedOut.clear();
         vad->analyzer.Process(samples, n);
         return OKU_OK;
     });
@@ -233,12 +235,17 @@ OKU_API int oku_vad_process_many(oku_vad* const* vads, const int16_t* const* sam
         const int status = CheckMany("vads", vads, samples, counts, n);
         if (status != OKU_OK || n == 0)
             return status;
-        std::vector<oku::AudioAnalyzer*> analyzers(n);
+        // Room for every chunk first (std::bad_alloc before any handle
+        // changes), then batches of analyzers on the stack.
         for (std::size_t i = 0; i < n; ++i)
-            analyzers[i] = &vads[i]->analyzer;
-        oku::AudioAnalyzer::ProcessMany(analyzers.data(), samples, counts, n);
-        for (std::size_t i = 0; i < n; ++i)
-            vads[i]->handedOut.clear();
+            vads[i]->analyzer.ReserveChunk(counts[i]);
+        oku::AudioAnalyzer* analyzers[oku::kManyBatch];
+        for (std::size_t first = 0; first < n; first += oku::kManyBatch) {
+            const std::size_t m = std::min(oku::kManyBatch, n - first);
+            for (std::size_t i = 0; i < m; ++i)
+                analyzers[i] = &vads[first + i]->analyzer;
+            oku::AudioAnalyzer::ProcessMany(analyzers, samples + first, counts + first, m);
+        }
         return OKU_OK;
     });
 }
@@ -277,7 +284,6 @@ OKU_API int oku_vad_flush(oku_vad* vad)
     if (!vad)
         return Null("vad");
     return Guard([&] {
-        vad->handedOut.clear();
         vad->analyzer.Flush();
         return OKU_OK;
     });
@@ -343,19 +349,27 @@ OKU_API int oku_agc_process_many(oku_agc* const* agcs, const int16_t* const* sam
             return Null("gains");
         if (!new_gains)
             return Null("new_gains");
-        std::vector<oku::AGC*> controls(n);
-        std::vector<float> in(n), out(n);
-        std::vector<long long> updatesBefore(n);
-        for (std::size_t i = 0; i < n; ++i) {
+        for (std::size_t i = 0; i < n; ++i)
             if (!(gains[i] >= 0.0 && gains[i] <= 1.0))
                 return Fail(OKU_ERR_ARGUMENT, "gains[" + std::to_string(i) + "] must lie in [0, 1]");
-            controls[i] = &agcs[i]->agc;
-            in[i] = static_cast<float>(gains[i]);
-            updatesBefore[i] = controls[i]->GetNumUpdates();
-        }
-        oku::AGC::ComputeGainMany(controls.data(), samples, counts, in.data(), out.data(), n);
+        // Room for every chunk first (std::bad_alloc before any handle
+        // changes), then batches of gain controls on the stack.
         for (std::size_t i = 0; i < n; ++i)
-            new_gains[i] = agcs[i]->Finish(updatesBefore[i], gains[i], out[i]);
+            agcs[i]->agc.ReserveChunk(counts[i]);
+        oku::AGC* controls[oku::kManyBatch];
+        float in[oku::kManyBatch], out[oku::kManyBatch];
+        long long updatesBefore[oku::kManyBatch];
+        for (std::size_t first = 0; first < n; first += oku::kManyBatch) {
+            const std::size_t m = std::min(oku::kManyBatch, n - first);
+            for (std::size_t i = 0; i < m; ++i) {
+                controls[i] = &agcs[first + i]->agc;
+                in[i] = static_cast<float>(gains[first + i]);
+                updatesBefore[i] = controls[i]->GetNumUpdates();
+            }
+            oku::AGC::ComputeGainMany(controls, samples + first, counts + first, in, out, m);
+            for (std::size_t i = 0; i < m; ++i)
+                new_gains[first + i] = agcs[first + i]->Finish(updatesBefore[i], gains[first + i], out[i]);
+        }
         return OKU_OK;
     });
 }

@@ -20,6 +20,28 @@
  * No exception, assertion or crash ever reaches the caller. On failure nothing
  * is written to the out-parameters, no audio is consumed, and oku_last_error()
  * describes the problem.
+ *
+ * Real-time use. A capture callback runs on a thread where waiting for a lock
+ * or the heap can cost an audible gap. On success, these calls allocate no
+ * heap memory, take no lock and do work bounded by the chunk's length (plus,
+ * for the many-calls, the number of handles), from a handle's first call on:
+ *   oku_vad_process, oku_vad_process_many, oku_vad_next, oku_vad_results,
+ *   oku_agc_process, oku_agc_process_many, oku_agc_info
+ * on these conditions:
+ *   - chunks of at most 8192 samples (370 ms at 22050 Hz, a second at 8000 Hz);
+ *     a longer chunk grows the handle's buffer once, to its length (up to
+ *     65536 samples, beyond which the memory is given back after the call);
+ *   - results taken after each call (oku_vad_next until OKU_VAD_NONE, or
+ *     oku_vad_results): the queue holds 256 results, enough for what a call
+ *     of a few hundred milliseconds completes; more waiting results grow it;
+ *   - no log callback (oku_agc_set_log) set: each log line is formatted on
+ *     the calling thread, with what that takes;
+ *   - no refusal: a refused call formats its message for oku_last_error().
+ * This holds with OKU_VAD_AUDIO_FRAMES too, whose frames are copied into
+ * memory reserved at creation. Everything a handle needs is reserved by its
+ * create function (sizes there). Creation, flush, reset and destroy, the
+ * facts functions and the OKUVAD_/OKUAGC_ functions of okuvad.h may
+ * allocate; keep them off the audio thread.
  */
 #ifndef OKU_H
 #define OKU_H
@@ -294,16 +316,39 @@ typedef struct oku_vad_result {
     int32_t assessment; /* an oku_vad_assessment */
     int32_t reserved;
     double peak;        /* largest absolute sample of the reading's audio, 0 to 32768 */
-    double level_dbfs;  /* peak level in dBFS, falling at a limited rate, -90.3 to 0 */
-    double snr_pct;     /* speech over noise in percent of full scale; 0 in a pause */
+    double level_dbfs;  /* peak level in dBFS, falling at a limited rate, -90.3 to 0 (see below) */
+    double snr_pct;     /* speech over noise in percent of full scale, at most 100; 0 in a pause;
+                           may be negative in speech (see below) */
     /* OKU_VAD_FRAME */
     int32_t frame_index;     /* number of the frame in the run, from 0 */
     int32_t sample_count;    /* samples in the frame (the last frame of a flush may be short) */
-    const int16_t* samples;  /* the frame as it arrived; valid until the next call on this handle */
+    const int16_t* samples;  /* the frame as it arrived; valid until the next process or flush call */
 } oku_vad_result;
 
 /*
- * Creates an analyzer.
+ * The meter, as designed, surprises in three ways:
+ * - A run starts at 0 dBFS. level_dbfs rises at once to a louder peak but
+ *   falls at most MaxDecayRateDbPerDs per 100 ms, and starts from full scale
+ *   at creation, reset and flush: a run's first readings fall from 0 dBFS
+ *   towards the true level (with the defaults 48 dB per 100 ms, so about
+ *   0.2 s from 0 to -90 dBFS) instead of starting at it. The speech part of snr_pct falls the same way.
+ * - snr_pct has no lower bound in speech. It is the loudest recent frame's
+ *   level above the noise level plus an offset, over the full SNR scale;
+ *   when that frame lies below the noise plus offset (clipped, distorted or
+ *   very noisy speech), it is negative, down to several hundred percent.
+ *   Hosts that draw a bar clamp it to 0..100.
+ * - "too noisy" comes first. The assessment is OKU_VOLUME_TOO_NOISY whenever
+ *   the noise level estimate lies above TooNoisyLeveldBFS, whatever else holds:
+ *   it takes precedence over "too loud" and "too soft", and lasts as long as
+ *   the noise estimate does. The estimate follows the last 2 s
+ *   (HistogramWindowSizeMs) of frames above 15 dB of energy, so over digital
+ *   silence that follows the noise it stays, and so does "too noisy".
+ */
+
+/*
+ * Creates an analyzer, with all the memory it needs to run reserved: about
+ * 45 KB, and with OKU_VAD_AUDIO_FRAMES also 456 frames of 20 ms (the frame
+ * ring and the result queue): 190 KB at 8000 Hz, 450 KB at 22050 Hz in all.
  * - rate   [i] : one of oku_rates() (Hz), given exactly
  * - params [i] : parameter string ("Key=Value;..."; keys in oku_settings), or NULL/"" for the defaults
  * - out    [o] : the new handle, to be released with oku_vad_destroy
@@ -321,7 +366,7 @@ OKU_API int oku_vad_create_ex(double rate, const char* params, unsigned flags, o
 
 /*
  * Analyses n samples (any number, 0 included; samples may be NULL when n is 0)
- * and queues the results they complete.
+ * and queues the results they complete. Real-time safe (see the top of this file).
  * returns : OKU_OK; OKU_ERR_NULL (vad, or samples with n above 0);
  *           OKU_ERR_ARGUMENT (n larger than any array can be: above
  *           PTRDIFF_MAX / 2; refused before samples is touched); OKU_ERR_MEMORY
@@ -336,7 +381,9 @@ OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n);
  * run time), which costs far less per stream than one call after another.
  * Analyzers of different rates and chunks of different lengths (0 included)
  * mix freely. Every handle must appear once, and none may be in use on
- * another thread during the call.
+ * another thread during the call. Real-time safe for any n: the call keeps
+ * its bookkeeping on the stack and finds a repeated handle without memory
+ * of its own.
  * - vads    [i/o] : n analyzers
  * - samples [i]   : n sample pointers; samples[i] may be NULL when counts[i] is 0
  * - counts  [i]   : n sample counts
@@ -351,14 +398,15 @@ OKU_API int oku_vad_process_many(oku_vad* const* vads, const int16_t* const* sam
 
 /*
  * Takes the oldest queued result into *out; out->type is OKU_VAD_NONE when the
- * queue is empty. Results come out in the order they happened.
+ * queue is empty. Results come out in the order they happened. Real-time safe.
  * returns : OKU_OK; OKU_ERR_NULL (vad, out); OKU_ERR_MEMORY
  */
 OKU_API int oku_vad_next(oku_vad* vad, oku_vad_result* out);
 
 /*
  * Takes up to `capacity` queued results into out[0..]; *count receives how many.
- * The samples of FRAME results stay valid until the next call on this handle.
+ * The samples of FRAME results stay valid until the next process or flush
+ * call on this handle. Real-time safe.
  * returns : OKU_OK; OKU_ERR_NULL (vad, out, count); OKU_ERR_ARGUMENT (a capacity of 0); OKU_ERR_MEMORY
  */
 OKU_API int oku_vad_results(oku_vad* vad, oku_vad_result* out, size_t capacity, size_t* count);
@@ -409,7 +457,8 @@ typedef struct oku_agc_decision {
 typedef void (*oku_agc_log_fn)(void* user, const char* line);
 
 /*
- * Creates a gain control.
+ * Creates a gain control, with all the memory it needs to run reserved:
+ * about 25 KB.
  * - rate   [i] : one of oku_rates() (Hz)
  * - params [i] : parameter string (keys in oku_settings), or NULL/"" for the defaults
  * - out    [o] : the new handle, to be released with oku_agc_destroy
@@ -424,6 +473,7 @@ OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out);
  * is the proposed float; otherwise (no update took place, which needs at least
  * 120 ms of audio by default, or the update kept the gain) *new_gain is `gain`
  * itself, bit for bit, so that a host that feeds the result back never drifts.
+ * Real-time safe (see the top of this file).
  * returns : OKU_OK; OKU_ERR_NULL (agc, new_gain, or samples with n above 0);
  *           OKU_ERR_ARGUMENT (gain outside 0..1 or NaN; n above PTRDIFF_MAX / 2,
  *           refused before samples is touched); OKU_ERR_MEMORY
@@ -437,7 +487,7 @@ OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, doub
  * that update run side by side in the processor's vector lanes. Gain controls
  * of different rates and chunks of different lengths (0 included) mix
  * freely. Every handle must appear once, and none may be in use on another
- * thread during the call. new_gains may be gains itself.
+ * thread during the call. new_gains may be gains itself. Real-time safe for any n.
  * - agcs      [i/o] : n gain controls
  * - samples   [i]   : n sample pointers; samples[i] may be NULL when counts[i] is 0
  * - counts    [i]   : n sample counts
@@ -453,12 +503,14 @@ OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, doub
 OKU_API int oku_agc_process_many(oku_agc* const* agcs, const int16_t* const* samples, const size_t* counts,
                                  const double* gains, double* new_gains, size_t n);
 
-/* The last decision (all zero before the first call). returns : OKU_OK; OKU_ERR_NULL (agc, out) */
+/* The last decision (all zero before the first call). Real-time safe. returns : OKU_OK; OKU_ERR_NULL (agc, out) */
 OKU_API int oku_agc_info(const oku_agc* agc, oku_agc_decision* out);
 
 /*
  * Sends the diagnostic log to fn(user, line), called from within oku_agc_process
  * on the caller's thread; NULL switches it off. fn must not call back into this handle.
+ * While a callback is set, oku_agc_process formats a line per update, which
+ * may allocate: a diagnostic aid, not for the audio thread.
  * returns : OKU_OK; OKU_ERR_NULL (agc)
  */
 OKU_API int oku_agc_set_log(oku_agc* agc, oku_agc_log_fn fn, void* user);

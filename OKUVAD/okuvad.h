@@ -49,7 +49,15 @@ extern "C" {
 #define OKUVAD_RESULT_SPEECH_END     2  /* *pdVolumePeakSignalInSamples_p: position in samples */
 #define OKUVAD_RESULT_VOLUME         3  /* peak sample value and *piVolumeInfo_p */
 
-/* Volume assessments written to *piVolumeInfo_p with OKUVAD_RESULT_VOLUME. */
+/*
+ * Volume assessments written to *piVolumeInfo_p with OKUVAD_RESULT_VOLUME.
+ * "Too noisy" comes first: it is reported whenever the noise estimate lies
+ * above the too-noisy level, over "too loud" and "too soft", and lasts as
+ * long as the estimate does. The estimate follows the last 2 s of frames
+ * above 15 dB of energy, so after noise it stays over digital silence.
+ * The handle interface (oku.h) also reports the meter's level and SNR
+ * percentage; how those start a run and how far they fall is written there.
+ */
 #define OKUVAD_VOLUME_OK        0
 #define OKUVAD_VOLUME_TOO_NOISY 1
 #define OKUVAD_VOLUME_TOO_SOFT  2

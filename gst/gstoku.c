@@ -26,6 +26,17 @@ GstCaps* gst_oku_caps_new(void)
     return caps;
 }
 
+gchar* gst_oku_rates_text(void)
+{
+    size_t count = 0;
+    const int* rates = oku_rates(&count);
+    GString* text = g_string_new(NULL);
+    for (size_t i = 0; i < count; i++)
+        g_string_append_printf(text, "%s%d", i == 0 ? "" : i + 1 == count ? " or " : ", ", rates[i]);
+    g_string_append(text, " Hz");
+    return g_string_free(text, FALSE);
+}
+
 /* ---- settings as properties ---------------------------------------------- */
 
 void gst_oku_settings_install(GObjectClass* klass, int service, guint first_id)
@@ -35,7 +46,8 @@ void gst_oku_settings_install(GObjectClass* klass, int service, guint first_id)
         klass, first_id,
         g_param_spec_string("params", "Parameter string",
                             "Settings as \"Key=Value;...\" (keys as in the library's settings table); a typed "
-                            "property set explicitly overrides the same key here",
+                            "property set explicitly overrides the same key here; a key no setting has is "
+                            "ignored, with a warning on the bus when the element starts",
                             NULL, flags));
     size_t count = 0;
     const oku_setting* table = oku_settings(service, &count);
@@ -128,7 +140,14 @@ gchar* gst_oku_settings_string(const GstOkuSettings* s)
     return g_string_free(str, FALSE);
 }
 
-gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gchar** params)
+static void collect_key(void* user, const char* key, const char* value)
+{
+    GString* keys = user;
+    (void)value;
+    g_string_append_printf(keys, "%s%s", keys->len ? ", " : "", key);
+}
+
+gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gboolean warn_unknown, gchar** params)
 {
     GST_OBJECT_LOCK(element);
     gchar* p = gst_oku_settings_string(s);
@@ -138,6 +157,17 @@ gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gchar** 
                           ("parameter string \"%s\"", p));
         g_free(p);
         return FALSE;
+    }
+    if (warn_unknown) {
+        GString* keys = g_string_new(NULL);
+        size_t count = 0;
+        if (oku_params_unknown(s->service, p, collect_key, keys, &count) == OKU_OK && count > 0)
+            GST_ELEMENT_WARNING(element, LIBRARY, SETTINGS,
+                                ("Unknown setting %s in params: %s", count == 1 ? "key" : "keys", keys->str),
+                                ("the %s ignores %s; parameter string \"%s\"",
+                                 s->service == OKU_SERVICE_VAD ? "analyzer" : "gain control",
+                                 count == 1 ? "it" : "them", p));
+        g_string_free(keys, TRUE);
     }
     if (params)
         *params = p;

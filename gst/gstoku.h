@@ -13,13 +13,21 @@
 G_BEGIN_DECLS
 
 #define GST_TYPE_OKU_VAD (gst_oku_vad_get_type())
-G_DECLARE_FINAL_TYPE(GstOkuVad, gst_oku_vad, GST, OKU_VAD, GstElement)
+G_DECLARE_FINAL_TYPE(GstOkuVad, gst_oku_vad, GST, OKU_VAD, GstAudioFilter)
 
 #define GST_TYPE_OKU_AGC (gst_oku_agc_get_type())
 G_DECLARE_FINAL_TYPE(GstOkuAgc, gst_oku_agc, GST, OKU_AGC, GstAudioFilter)
 
 /* S16 mono in native byte order at each rate of oku_rates(). */
 GstCaps* gst_oku_caps_new(void);
+
+/* The rates of oku_rates() as text, "8000, ... or 22050 Hz" (free with g_free). */
+gchar* gst_oku_rates_text(void);
+
+/* Where the elements' manual is installed, below the prefix. */
+#ifndef OKU_GST_MANUAL
+#define OKU_GST_MANUAL "share/doc/OKUVAD/gstreamer.md"
+#endif
 
 /*
  * The settings of one service as element properties: "params" (the parameter
@@ -48,10 +56,12 @@ gboolean gst_oku_settings_get(const GstOkuSettings* s, guint first_id, guint pro
 gchar* gst_oku_settings_string(const GstOkuSettings* s);
 /*
  * Checks the settings with oku_params_check; on failure posts an element
- * error that names the problem and returns FALSE. Takes the object lock
- * itself; *params (if given) receives the checked string.
+ * error that names the problem and returns FALSE. With warn_unknown, keys of
+ * "params" that no setting of the service has (which the service ignores)
+ * are posted as an element warning. Takes the object lock itself; *params
+ * (if given) receives the checked string.
  */
-gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gchar** params);
+gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gboolean warn_unknown, gchar** params);
 
 /*
  * Sample positions of a run (counted from its first sample) as buffer times.

@@ -8,7 +8,8 @@
  * interface (pulsesrc, volume, ...), found through bins and ghost pads. For
  * each buffer the element reads that volume (so a change made by a person
  * counts), gives the gain control volume / max-volume as the gain, and sets
- * the volume it proposes when the proposal differs from the gain given. Each
+ * the volume it proposes when the gain control says the gain changed.
+ * Buffers marked GAP pass without reaching the gain control. Each
  * decision is posted as an "oku-agc" message. Without a volume element the
  * element assumes its proposals are applied, starting at max-volume, and only
  * posts the messages.
@@ -202,7 +203,7 @@ static void end_run(GstOkuAgc* self)
 static gboolean start_run(GstOkuAgc* self)
 {
     gchar* params = NULL;
-    if (!gst_oku_settings_check(GST_ELEMENT(self), &self->settings, &params))
+    if (!gst_oku_settings_check(GST_ELEMENT(self), &self->settings, FALSE, &params))
         return FALSE;
     if (oku_agc_create(self->rate, params, &self->agc) != OKU_OK) {
         GST_ELEMENT_ERROR(self, LIBRARY, INIT, ("Cannot make the gain control: %s", oku_last_error()),
@@ -246,6 +247,12 @@ static GstFlowReturn gst_oku_agc_transform_ip(GstBaseTransform* trans, GstBuffer
     const guint64 n = map.size / 2;
     gst_oku_timeline_add(&self->timeline, buf, &self->segment);
     self->timeline.samples += n;
+    if (GST_BUFFER_FLAG_IS_SET(buf, GST_BUFFER_FLAG_GAP)) {
+        /* A gap holds no captured audio: its silence says nothing about the
+         * microphone's level, so the gain control does not hear it. */
+        gst_buffer_unmap(buf, &map);
+        return GST_FLOW_OK;
+    }
 
     GstElement* target = volume_element(self);
     GST_OBJECT_LOCK(self);
@@ -276,10 +283,8 @@ static GstFlowReturn gst_oku_agc_transform_ip(GstBaseTransform* trans, GstBuffer
         return GST_FLOW_OK;
     }
 
-    /* The gain control keeps gains as floats: a gain it hands back unchanged
-     * may differ from the one given in the digits beyond. */
     gdouble after = before;
-    if ((float)proposed != (float)gain) {
+    if (decision.changed) {
         after = proposed * max_volume;
         if (target)
             set_volume(target, after);
@@ -326,7 +331,7 @@ static gboolean gst_oku_agc_sink_event(GstBaseTransform* trans, GstEvent* event)
 static gboolean gst_oku_agc_start(GstBaseTransform* trans)
 {
     GstOkuAgc* self = GST_OKU_AGC(trans);
-    if (!gst_oku_settings_check(GST_ELEMENT(self), &self->settings, NULL))
+    if (!gst_oku_settings_check(GST_ELEMENT(self), &self->settings, TRUE, NULL))
         return FALSE;
     self->rate = 0;
     gst_segment_init(&self->segment, GST_FORMAT_TIME);
@@ -428,10 +433,22 @@ static void gst_oku_agc_class_init(GstOkuAgcClass* klass)
     GstCaps* caps = gst_oku_caps_new();
     gst_audio_filter_class_add_pad_templates(filter_class, caps);
     gst_caps_unref(caps);
-    gst_element_class_set_static_metadata(
-        element_class, "Automatic gain control", "Filter/Effect/Audio",
-        "Drives an upstream volume (pulsesrc, volume, ...) with the gain control and posts oku-agc messages",
-        "oku developers");
+    gchar* rates = gst_oku_rates_text();
+    gchar* description = g_strdup_printf(
+        "Automatic gain control for S16 mono speech at %s: drives the volume of the element named by "
+        "volume-element, or else of the nearest upstream element with the GstStreamVolume interface "
+        "(pulsesrc, volume, ...), to bring speech into the gain control's band. The audio passes through "
+        "untouched. For each buffer it reads that volume (a person's change counts), gives the gain control "
+        "volume / max-volume as the gain, and sets the gain proposed times max-volume when the gain control "
+        "says it changed. Each decision is posted as an \"oku-agc\" element message (stream-time, "
+        "running-time, control, volume-before, volume-after, pause-db, speech-db). GAP buffers and a muted "
+        "volume element give the gain control nothing to hear. Without a volume element the proposals are "
+        "only posted. Manual: %s",
+        rates, OKU_GST_MANUAL);
+    gst_element_class_set_metadata(element_class, "Automatic gain control", "Filter/Effect/Audio", description,
+                                   "oku developers");
+    g_free(description);
+    g_free(rates);
 
     trans_class->transform_ip = GST_DEBUG_FUNCPTR(gst_oku_agc_transform_ip);
     trans_class->transform_ip_on_passthrough = TRUE;

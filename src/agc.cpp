@@ -156,6 +156,17 @@ AGC::AGC(const std::string& keyValuePairs, int samplingRate)
     Require(_leastGain > 0.0f && _leastGain <= 1.0f, "LeastGain must lie in (0, 1]");
 
     Reset();
+    // Room for an update interval's audio plus a chunk, so that the calls
+    // of a running stream allocate nothing (held below the sizes at which a
+    // buffer is given back after an unusually long chunk).
+    const std::size_t frame = static_cast<std::size_t>(GetSamplesPerFrame(_samplingRate));
+    const std::size_t interval = static_cast<std::size_t>(_minUpdateFrames) * frame;
+    ReserveChunk(std::min<std::size_t>(interval + kReservedChunk, kBufferLimit));
+}
+
+void AGC::ReserveChunk(std::size_t n)
+{
+    oku::ReserveChunk(_audioBuffer, _frameSums, n, static_cast<std::size_t>(GetSamplesPerFrame(_samplingRate)));
 }
 
 void AGC::Reset()
@@ -331,32 +342,33 @@ void AGC::ComputeGainMany(AGC* const* agcs, const short* const* samples, const s
             throw std::invalid_argument("curGain must lie in [0, 1]");
 
     // Everything that may fail to allocate comes before any gain control changes.
-    std::vector<FrameRun> runs;
-    runs.reserve(n);
-    std::vector<std::size_t> updating;
-    updating.reserve(n);
     for (std::size_t i = 0; i < n; ++i)
-        ReserveChunk(agcs[i]->_audioBuffer, agcs[i]->_frameSums, counts[i],
-                     static_cast<std::size_t>(GetSamplesPerFrame(agcs[i]->_samplingRate)));
-    for (std::size_t i = 0; i < n; ++i) {
-        AGC& a = *agcs[i];
-        if (!a.Collect(samples[i], counts[i], curGains[i], newGains[i]))
-            continue;
-        updating.push_back(i);
-        runs.push_back(FrameRun{&a._f, a._audioBuffer.data(), a.GetFramesCollected(),
-                                static_cast<std::size_t>(GetSamplesPerFrame(a._samplingRate)), a._frameSums.data(),
-                                nullptr});
-    }
-    MeasureRuns(runs.data(), runs.size());
-    for (std::size_t u = 0; u < updating.size(); ++u) {
-        const std::size_t i = updating[u];
-        AGC& a = *agcs[i];
-        for (std::size_t f = 0; f < runs[u].frames; ++f)
-            a.TakeFrame(a._frameSums[f]);
-        newGains[i] = a.Decide(curGains[i]);
+        agcs[i]->ReserveChunk(counts[i]);
+    // Batches of streams on the stack: the call itself allocates nothing.
+    FrameRun runs[kManyBatch];
+    std::size_t updating[kManyBatch];
+    for (std::size_t first = 0; first < n; first += kManyBatch) {
+        const std::size_t m = std::min(kManyBatch, n - first);
+        std::size_t u = 0;
+        for (std::size_t i = first; i < first + m; ++i) {
+            AGC& a = *agcs[i];
+            if (!a.Collect(samples[i], counts[i], curGains[i], newGains[i]))
+                continue;
+            updating[u] = i;
+            runs[u++] = FrameRun{&a._f, a._audioBuffer.data(), a.GetFramesCollected(),
+                                 static_cast<std::size_t>(GetSamplesPerFrame(a._samplingRate)), a._frameSums.data(),
+                                 nullptr};
+        }
+        MeasureRuns(runs, u);
+        for (std::size_t k = 0; k < u; ++k) {
+            AGC& a = *agcs[updating[k]];
+            for (std::size_t f = 0; f < runs[k].frames; ++f)
+                a.TakeFrame(a._frameSums[f]);
+            newGains[updating[k]] = a.Decide(curGains[updating[k]]);
+        }
     }
     for (std::size_t i = 0; i < n; ++i)
-        ShrinkIfOver(agcs[i]->_frameSums, 4096);
+        ShrinkIfOver(agcs[i]->_frameSums, kSumsLimit);
 }
 
 bool AGC::Collect(const short* samples, std::size_t n, float curGain, float& gain)
@@ -390,7 +402,7 @@ float AGC::Decide(float curGain)
     const float clippingFraction = ComputeClippingFraction(_audioBuffer.begin(), _audioBuffer.end());
     const float newGain = ComputeGain(curGain, clippingFraction);
     _audioBuffer.clear();
-    ShrinkIfOver(_audioBuffer, 1u << 16);
+    ShrinkIfOver(_audioBuffer, kBufferLimit);
     return newGain;
 }
 

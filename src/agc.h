@@ -149,6 +149,17 @@ public:
     float ComputeRandomGain(const AudioData& a, float curGain, float maxDiffdB);
 
     static float ComputePower(AudioData::const_iterator first, AudioData::const_iterator last);
+    // Makes room, before anything changes, for a chunk of n samples, so that
+    // a ComputeGain or ComputeGainMany call with a chunk of at most n samples
+    // allocates nothing for its audio. Throws std::bad_alloc.
+    void ReserveChunk(std::size_t n);
+    // Samples reserved at construction beyond an update interval's audio:
+    // chunks up to this length (about 370 ms at 22050 Hz) never grow the buffer.
+    static constexpr std::size_t kReservedChunk = 8192;
+
+    // For FindRepeat: the last repeat check that saw this gain control.
+    friend std::uint64_t& RepeatMark(AGC* a) { return a->_repeatMark; }
+
     static float ComputeClippingFraction(AudioData::const_iterator first, AudioData::const_iterator last);
     // A host's volume (0 to bound) as a gain: the ratio in double, rounded to float.
     static float GainFromVolume(long volume, long bound);
@@ -220,6 +231,11 @@ private:
     std::vector<double> _frameSums;  // the measurements of a ComputeGainMany call, reused
     ostreamptr _logStream;
     long long _numUpdates = 0;
+    std::uint64_t _repeatMark = 0;
+    // Sizes past which the audio buffer and the frame sums give their memory
+    // back after an unusually long chunk.
+    static constexpr std::size_t kBufferLimit = std::size_t{1} << 16;
+    static constexpr std::size_t kSumsLimit = 4096;
 };
 
 // Writes x to the stream os holds, if any, and flushes it, so that a line cut

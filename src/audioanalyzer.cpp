@@ -49,6 +49,19 @@ AudioAnalyzer::AudioAnalyzer(const std::string& keyValuePairs, double samplingRa
     _eosTimeoutMs = static_cast<int>(kAnalyzerSettings[kEOSTimeoutMs].defaultValue);
     UpdateParameters(keyValuePairs);
     Reset();
+    // Everything a stream needs in steady state is reserved here, so that
+    // processing allocates nothing once results are taken as they come.
+    ReserveChunk(kReservedChunk);
+    if (_supplyFrameData) {
+        for (AudioData& frame : _audioFrames)
+            frame.reserve(static_cast<std::size_t>(_samplesPerFrame));
+        _resultDeque.ReserveSamples(static_cast<std::size_t>(_samplesPerFrame));
+    }
+}
+
+void AudioAnalyzer::ReserveChunk(std::size_t n)
+{
+    oku::ReserveChunk(_audioBuffer, _frameSums, n, static_cast<std::size_t>(_samplesPerFrame));
 }
 
 void AudioAnalyzer::UpdateParameters(const std::string& keyValuePairs)
@@ -83,7 +96,10 @@ void AudioAnalyzer::Reset()
     _highpassFilter.Reset();
     _histogram.Reset();
     _energyWindow.assign(kRingSize, 0.0);
-    _audioFrames.assign(kRingSize, AudioData());
+    // The frame buffers keep their memory: every frame is written before it is read.
+    _audioFrames.resize(kRingSize);
+    for (AudioData& frame : _audioFrames)
+        frame.clear();
     _audioBuffer.clear();
     _pauseCounter = 0;
     _readIndex = 0;
@@ -140,25 +156,30 @@ void AudioAnalyzer::ProcessMany(AudioAnalyzer* const* analyzers, const short* co
         return;
 
     // Everything that may fail to allocate comes before any analyzer changes.
-    std::vector<FrameRun> runs(n);
-    std::vector<int> peaks(n, 0);
     for (std::size_t i = 0; i < n; ++i)
-        ReserveChunk(analyzers[i]->_audioBuffer, analyzers[i]->_frameSums, counts[i],
-                     static_cast<std::size_t>(analyzers[i]->_samplesPerFrame));
-    for (std::size_t i = 0; i < n; ++i) {
-        AudioAnalyzer& a = *analyzers[i];
-        const std::size_t frames = a.Append(samples[i], counts[i]);
-        runs[i] = FrameRun{&a._highpassFilter, a._audioBuffer.data(), frames,
-                           static_cast<std::size_t>(a._samplesPerFrame), a._frameSums.data(), &peaks[i]};
-    }
-    MeasureRuns(runs.data(), n);
-    for (std::size_t i = 0; i < n; ++i) {
-        AudioAnalyzer& a = *analyzers[i];
-        const std::ptrdiff_t samplesPerFrame = a._samplesPerFrame;
-        for (std::size_t f = 0; f < runs[i].frames; ++f)
-            a.TakeFrame(a._audioBuffer.begin() + static_cast<std::ptrdiff_t>(f) * samplesPerFrame, a._frameSums[f]);
-        a.EndChunk(runs[i].frames, peaks[i]);
-        ShrinkIfOver(a._frameSums, 4096);
+        analyzers[i]->ReserveChunk(counts[i]);
+    // Batches of streams on the stack: the call itself allocates nothing.
+    FrameRun runs[kManyBatch];
+    int peaks[kManyBatch];
+    for (std::size_t first = 0; first < n; first += kManyBatch) {
+        const std::size_t m = std::min(kManyBatch, n - first);
+        for (std::size_t i = 0; i < m; ++i) {
+            AudioAnalyzer& a = *analyzers[first + i];
+            peaks[i] = 0;
+            const std::size_t frames = a.Append(samples[first + i], counts[first + i]);
+            runs[i] = FrameRun{&a._highpassFilter, a._audioBuffer.data(), frames,
+                               static_cast<std::size_t>(a._samplesPerFrame), a._frameSums.data(), &peaks[i]};
+        }
+        MeasureRuns(runs, m);
+        for (std::size_t i = 0; i < m; ++i) {
+            AudioAnalyzer& a = *analyzers[first + i];
+            const std::ptrdiff_t samplesPerFrame = a._samplesPerFrame;
+            for (std::size_t f = 0; f < runs[i].frames; ++f)
+                a.TakeFrame(a._audioBuffer.begin() + static_cast<std::ptrdiff_t>(f) * samplesPerFrame,
+                            a._frameSums[f]);
+            a.EndChunk(runs[i].frames, peaks[i]);
+            ShrinkIfOver(a._frameSums, 4096);
+        }
     }
 }
 
@@ -264,7 +285,22 @@ bool AudioAnalyzer::DetectPause()
 
 void AudioAnalyzer::GenerateEventResult(double timeMs, AnalyzerEvent::EventTag tag)
 {
-    _resultDeque.push_back(std::make_shared<AnalyzerEvent>(timeMs, tag));
+    QueuedResult& r = _resultDeque.push_back();
+    r.type = AnalyzerResult::RT_Event;
+    r.tag = tag;
+    r.timeMs = timeMs;
+}
+
+void AudioAnalyzer::GenerateFrameResult(const AudioData::const_iterator first, std::size_t n)
+{
+    QueuedResult& r = _resultDeque.push_back();
+    r.type = AnalyzerResult::RT_AudioFrame;
+    r.frameIndex = _frameIndex;
+    r.speech = _state == Speech;
+    if (_supplyFrameData)
+        r.samples.assign(first, first + static_cast<std::ptrdiff_t>(n));
+    else
+        r.samples.clear();
 }
 
 void AudioAnalyzer::GenerateFrameResults(long long index)
@@ -279,10 +315,9 @@ void AudioAnalyzer::GenerateFrameResults(long long index)
             _frameIndex = static_cast<int>(index + 1);
         return;
     }
-    const bool isSpeech = _state == Speech;
     while (_frameIndex <= index) {
-        const AudioData* frame = _supplyFrameData ? &_audioFrames[_frameIndex % kRingSize] : nullptr;
-        _resultDeque.push_back(std::make_shared<AnalyzerAudioFrame>(_frameIndex, isSpeech, frame));
+        const AudioData& frame = _audioFrames[static_cast<std::size_t>(_frameIndex % kRingSize)];
+        GenerateFrameResult(frame.begin(), frame.size());
         ++_frameIndex;
     }
 }
@@ -292,8 +327,7 @@ double AudioAnalyzer::GenerateLeftoverFrame()
     const std::size_t n = _audioBuffer.size();
     if (n > 0) {
         if (_frameResults)
-            _resultDeque.push_back(std::make_shared<AnalyzerAudioFrame>(
-                _frameIndex, _state == Speech, _supplyFrameData ? &_audioBuffer : nullptr));
+            GenerateFrameResult(_audioBuffer.begin(), n);
         _audioBuffer.clear();
     }
     return static_cast<double>(n) / _samplingRate * 1000;
@@ -320,8 +354,30 @@ bool AudioAnalyzer::GetResult(AnalyzerResultPtr& p)
 {
     if (_resultDeque.empty())
         return false;
-    p = _resultDeque.pop_front();
+    const QueuedResult& r = _resultDeque.front();
+    switch (r.type) {
+    case AnalyzerResult::RT_Event:
+        p = std::make_shared<AnalyzerEvent>(r.timeMs, static_cast<AnalyzerEvent::EventTag>(r.tag));
+        break;
+    case AnalyzerResult::RT_VolumeMeter:
+        p = std::make_shared<AnalyzerVolumeMeter>(static_cast<AnalyzerVolumeMeter::Info>(r.tag), r.volumedBFS,
+                                                  r.volume, r.snrPct, r.timeMs, r.speech);
+        break;
+    case AnalyzerResult::RT_AudioFrame:
+        p = std::make_shared<AnalyzerAudioFrame>(r.frameIndex, r.speech, _supplyFrameData ? &r.samples : nullptr);
+        break;
+    }
+    _resultDeque.pop_front();
     return true;
+}
+
+const QueuedResult* AudioAnalyzer::TakeResult()
+{
+    if (_resultDeque.empty())
+        return nullptr;
+    const QueuedResult* r = &_resultDeque.front();
+    _resultDeque.pop_front();
+    return r;
 }
 
 double AudioAnalyzer::GetdBFS(double val) const
@@ -374,9 +430,14 @@ void AudioAnalyzer::GenerateVolumeMeterResult(long long numSamples, int maxVal)
             info = AnalyzerVolumeMeter::TooSoft;
     }
 
-    _resultDeque.push_back(std::make_shared<AnalyzerVolumeMeter>(
-        info, volumedBFS, static_cast<double>(maxVal), snrVolume, _writeIndex * GetFrameSizeMs(),
-        _state == Speech));
+    QueuedResult& r = _resultDeque.push_back();
+    r.type = AnalyzerResult::RT_VolumeMeter;
+    r.tag = info;
+    r.volumedBFS = volumedBFS;
+    r.volume = static_cast<double>(maxVal);
+    r.snrPct = snrVolume;
+    r.timeMs = _writeIndex * GetFrameSizeMs();
+    r.speech = _state == Speech;
 }
 
 }  // namespace oku

@@ -106,42 +106,75 @@ private:
     bool _isSpeechSegmentFrame;
 };
 
-// A first-in first-out queue of results on a growable ring, so that a queue
-// that is filled and drained call after call allocates nothing once it has
-// grown to its working size.
+// A result as the analyzer queues it: by value, so that queuing and taking
+// results allocates nothing once the queue has its working size. GetResult
+// turns it into one of the classes above; TakeResult hands it out as it is.
+struct QueuedResult {
+    AnalyzerResult::ResultType type = AnalyzerResult::RT_Event;
+    std::int32_t tag = 0;     // AnalyzerEvent::EventTag, or AnalyzerVolumeMeter::Info for a reading
+    bool speech = false;      // the reading's speech state, or the frame's speech flag
+    int frameIndex = 0;       // frames only
+    double timeMs = 0.0;      // events and readings
+    double volumedBFS = 0.0;  // readings: level, raw peak, SNR percentage
+    double volume = 0.0;
+    double snrPct = 0.0;
+    AudioData samples;        // frames, when the analyzer supplies frame data
+};
+
+// A first-in first-out queue of results on a growable ring. Slots keep their
+// sample buffers from one use to the next, so a queue that is filled and
+// drained call after call allocates nothing once it has grown to its working
+// size and its slots have held a frame each.
 class ResultQueue {
 public:
+    static constexpr std::size_t kInitialSize = 256;
+
+    ResultQueue() : _ring(kInitialSize) {}
+
     bool empty() const { return _count == 0; }
     std::size_t size() const { return _count; }
+    std::size_t capacity() const { return _ring.size(); }
 
-    void push_back(AnalyzerResultPtr p)
+    // The slot for a new result, at the back; its sample buffer holds
+    // whatever it held before, so the caller sets every field it uses.
+    QueuedResult& push_back()
     {
         if (_count == _ring.size())
             Grow();
-        _ring[(_head + _count) % _ring.size()] = std::move(p);
+        QueuedResult& slot = _ring[(_head + _count) % _ring.size()];
         ++_count;
+        return slot;
     }
 
-    // Moves the oldest result out. Precondition: not empty.
-    AnalyzerResultPtr pop_front()
+    // The oldest result, valid until the next push_back. Precondition: not empty.
+    QueuedResult& front() { return _ring[_head]; }
+
+    // Drops the oldest result; its slot keeps what it holds until a later
+    // push_back reuses it. Precondition: not empty.
+    void pop_front()
     {
-        AnalyzerResultPtr p = std::move(_ring[_head]);
         _head = (_head + 1) % _ring.size();
         --_count;
-        return p;
+    }
+
+    // Reserves every slot's sample buffer for frames of n samples.
+    void ReserveSamples(std::size_t n)
+    {
+        for (QueuedResult& r : _ring)
+            r.samples.reserve(n);
     }
 
 private:
     void Grow()
     {
-        std::vector<AnalyzerResultPtr> bigger(_ring.empty() ? 64 : 2 * _ring.size());
-        for (std::size_t i = 0; i < _count; ++i)
+        std::vector<QueuedResult> bigger(2 * _ring.size());
+        for (std::size_t i = 0; i < _ring.size(); ++i)
             bigger[i] = std::move(_ring[(_head + i) % _ring.size()]);
         _ring.swap(bigger);
         _head = 0;
     }
 
-    std::vector<AnalyzerResultPtr> _ring;
+    std::vector<QueuedResult> _ring;
     std::size_t _head = 0;
     std::size_t _count = 0;
 };
@@ -193,7 +226,16 @@ public:
     static void ProcessMany(AudioAnalyzer* const* analyzers, const short* const* samples,
                             const std::size_t* counts, std::size_t n);
     void Flush();
+    // Takes the oldest result as a new object; false when none is waiting.
     bool GetResult(AnalyzerResultPtr& p);
+    // Takes the oldest result as it was queued, without allocating, or null
+    // when none is waiting. The result, its samples included, stays as it is
+    // until the analyzer next queues a result (Process, ProcessMany, Flush).
+    const QueuedResult* TakeResult();
+    // Makes room, before anything changes, for a chunk of n samples, so that
+    // a Process or ProcessMany call with a chunk of at most n samples
+    // allocates nothing for its audio. Throws std::bad_alloc.
+    void ReserveChunk(std::size_t n);
     void SetEOSTimeout(int timeoutMs);
     // Whether frames are queued as AnalyzerAudioFrame results (on after
     // construction). A caller that never reads them switches them off to save
@@ -211,6 +253,13 @@ public:
     // the start can wait longer, up to the 200 frames of the rings, since
     // frames under 15 dB do not count towards the histogram's window.
     int GetFrameDelay() const;
+
+    // For FindRepeat: the last repeat check that saw this analyzer.
+    friend std::uint64_t& RepeatMark(AudioAnalyzer* a) { return a->_repeatMark; }
+
+    // Samples the audio buffer holds room for from construction on: chunks
+    // up to this length (about 370 ms at 22050 Hz) never grow it.
+    static constexpr std::size_t kReservedChunk = 8192;
 
 private:
     static constexpr int kRingSize = 200;  // frames held by both rings (about 4 s)
@@ -233,6 +282,9 @@ private:
     int GetNumFrames(int ms) const;
     void GenerateEventResult(double timeMs, AnalyzerEvent::EventTag tag);
     void GenerateFrameResults(long long index);
+    // Queues the frame at _frameIndex, flagged with the current state, with
+    // the n samples at first when frame data is on.
+    void GenerateFrameResult(AudioData::const_iterator first, std::size_t n);
     // The reading of a chunk whose whole frames hold numSamples samples with
     // the given peak (measured while the frames were filtered).
     void GenerateVolumeMeterResult(long long numSamples, int peak);
@@ -272,6 +324,7 @@ private:
     ResultQueue _resultDeque;  // results waiting to be taken, oldest first
     std::vector<double> _frameSums;  // the measurements of a ProcessMany call, reused
     bool _frameResults = true;
+    std::uint64_t _repeatMark = 0;
 };
 
 }  // namespace oku

@@ -319,4 +319,10 @@ void MeasureRuns(FrameRun* runs, std::size_t n)
     MeasureScalar(runs, n);
 }
 
+std::uint64_t NextRepeatStamp()
+{
+    static std::atomic<std::uint64_t> last{0};
+    return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
 }  // namespace oku

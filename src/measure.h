@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <functional>
+#include <cstdint>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -49,30 +49,31 @@ MeasureIsa GetMeasureIsa();
 // them; false (and nothing changes) when the processor cannot. Process-wide.
 bool SetMeasureIsa(MeasureIsa isa);
 
+// A number no earlier call of this function returned (thread-safe).
+std::uint64_t NextRepeatStamp();
+
 // The index of the first entry of p[0..n) that repeats an earlier one, or n
-// when all differ. May throw std::bad_alloc for long lists.
+// when all differ. Linear and allocation-free: each object carries a mark,
+// reached through RepeatMark(T*), that this call sets to a stamp of its own;
+// an object found already holding the stamp has appeared before. Objects
+// must not be checked by two threads at once (they must not be used by two
+// threads at once anyway).
 template <typename T>
 std::size_t FindRepeat(T* const* p, std::size_t n)
 {
-    if (n <= 32) {
-        for (std::size_t i = 1; i < n; ++i)
-            for (std::size_t j = 0; j < i; ++j)
-                if (p[i] == p[j])
-                    return i;
-        return n;
+    const std::uint64_t stamp = NextRepeatStamp();
+    for (std::size_t i = 0; i < n; ++i) {
+        std::uint64_t& mark = RepeatMark(p[i]);
+        if (mark == stamp)
+            return i;
+        mark = stamp;
     }
-    std::vector<std::pair<T*, std::size_t>> sorted(n);
-    for (std::size_t i = 0; i < n; ++i)
-        sorted[i] = {p[i], i};
-    std::sort(sorted.begin(), sorted.end(), [](const std::pair<T*, std::size_t>& a, const std::pair<T*, std::size_t>& b) {
-        return std::less<T*>()(a.first, b.first) || (a.first == b.first && a.second < b.second);
-    });
-    std::size_t first = n;
-    for (std::size_t i = 1; i < n; ++i)
-        if (sorted[i].first == sorted[i - 1].first)
-            first = std::min(first, sorted[i].second);
-    return first;
+    return n;
 }
+
+// The many-calls measure streams in batches of this many, with their
+// bookkeeping on the stack.
+constexpr std::size_t kManyBatch = 64;
 
 // Makes room, before anything changes, for n more samples in `buffer` and
 // for a sum per whole frame of frameLength samples it will then hold. Throws

@@ -1,12 +1,15 @@
-// Heap allocations in steady state, counted by replacing the global operator new.
-// The gain control allocates nothing per chunk; the analyzer allocates only the
-// result objects it queues: one per emitted frame (two with frame data: the
-// object and its copy of the samples), one per volume reading, one per event.
+// Heap allocations in steady state, counted by replacing the global operator
+// new (which the shared library's allocations reach too). The handle API's
+// processing calls allocate nothing once a stream is running; the classes'
+// GetResult allocates the result objects it hands out; the plain functions
+// keep their copying.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <vector>
 
@@ -18,6 +21,7 @@
 
 namespace {
 std::atomic<long> g_allocations{0};
+std::atomic<long> g_bytes{0};
 }
 
 // The replacements pair malloc with free; GCC, seeing them inlined into
@@ -29,6 +33,7 @@ std::atomic<long> g_allocations{0};
 void* operator new(std::size_t n)
 {
     ++g_allocations;
+    g_bytes += static_cast<long>(n);
     if (void* p = std::malloc(n ? n : 1))
         return p;
     throw std::bad_alloc();
@@ -44,7 +49,8 @@ const int kFrame = 320;  // 20 ms at 16 kHz
 oku::AudioData Quiet(int frames) { return testsig::Tone({{frames, 47.0}}, 16000.0, kFrame); }
 
 struct Counted {
-    long allocations;
+    long processing;  // allocations inside Process
+    long taking;      // allocations inside GetResult
     long results;
 };
 
@@ -55,15 +61,18 @@ Counted AnalyzerSteadyState(bool frames, int warmUp, int calls)
     oku::AudioAnalyzer a("", 16000.0, frames);
     oku::AudioData chunk(kFrame);
     oku::AnalyzerResultPtr r;
-    Counted c{0, 0};
+    Counted c{0, 0, 0};
     for (int k = 0; k < warmUp + calls; ++k) {
         std::copy(signal.begin() + k * kFrame, signal.begin() + (k + 1) * kFrame, chunk.begin());
-        const long before = g_allocations;
+        long before = g_allocations;
         a.Process(chunk);
         if (k >= warmUp)
-            c.allocations += g_allocations - before;
+            c.processing += g_allocations - before;
+        before = g_allocations;
         while (a.GetResult(r))
             c.results += k >= warmUp;
+        if (k >= warmUp)
+            c.taking += g_allocations - before;
         r.reset();
     }
     return c;
@@ -71,15 +80,17 @@ Counted AnalyzerSteadyState(bool frames, int warmUp, int calls)
 
 }  // namespace
 
-TEST(Allocations, AnalyzerAllocatesOnlyTheResultsItQueues)
+TEST(Allocations, AnalyzerQueuesWithoutAllocatingAndGetResultMakesTheObjects)
 {
     // Per 20 ms chunk in steady state: one frame emitted and one reading.
     const Counted off = AnalyzerSteadyState(false, 300, 500);
     EXPECT_EQ(2 * 500, off.results);
-    EXPECT_EQ(off.results, off.allocations);  // 2 per frame: the frame result and the reading
+    EXPECT_EQ(0, off.processing);
+    EXPECT_EQ(off.results, off.taking);  // one shared object per result
     const Counted on = AnalyzerSteadyState(true, 300, 500);
     EXPECT_EQ(2 * 500, on.results);
-    EXPECT_EQ(3 * 500, on.allocations);  // 3 per frame: the frame result, its samples, the reading
+    EXPECT_EQ(0, on.processing);
+    EXPECT_EQ(3 * 500, on.taking);  // the frame result, its copy of the samples, the reading
 }
 
 TEST(Allocations, GainControlAllocatesNothingPerChunk)
@@ -131,74 +142,187 @@ TEST(Allocations, ExportedFunctionsAllocateOnlyResults)
     OKUAGC_Deinit();
 }
 
-TEST(Allocations, HandlesAllocateOnlyResults)
+namespace {
+
+const double kRates[] = {8000.0, 11025.0, 16000.0, 22050.0};
+
+// A loud second in every three over a quiet floor: speech starts and ends,
+// readings in speech and in pauses, and gain updates all occur while counting.
+oku::AudioData Bursts(double rate, int seconds)
 {
-    const oku::AudioData signal = Quiet(2000);
-    oku_vad* vad = nullptr;
-    oku_agc* agc = nullptr;
-    ASSERT_EQ(OKU_OK, oku_vad_create(16000.0, "", &vad));
-    ASSERT_EQ(OKU_OK, oku_agc_create(16000, "", &agc));
-    long vadAllocations = 0, agcAllocations = 0;
-    double gain = 0.5;
-    oku_vad_result r;
-    for (int k = 0; k < 2000; ++k) {
-        const int16_t* chunk = &signal[static_cast<std::size_t>(k) * kFrame];
-        long before = g_allocations;
-        ASSERT_EQ(OKU_OK, oku_vad_process(vad, chunk, kFrame));
-        do
-            ASSERT_EQ(OKU_OK, oku_vad_next(vad, &r));
-        while (r.type != OKU_VAD_NONE);
-        if (k >= 300)
-            vadAllocations += g_allocations - before;
-        before = g_allocations;
-        ASSERT_EQ(OKU_OK, oku_agc_process(agc, chunk, kFrame, gain, &gain));
-        if (k >= 300)
-            agcAllocations += g_allocations - before;
+    const int frame = static_cast<int>(rate / 50);
+    std::vector<std::pair<int, double>> steps;
+    for (int s = 0; s < seconds; s += 3) {
+        steps.push_back({100, 47.0});
+        steps.push_back({50, 10000.0});
     }
-    EXPECT_EQ(1L * 1700, vadAllocations);  // frames not asked for are not made: only the reading
-    EXPECT_EQ(0, agcAllocations);
-    oku_vad_destroy(vad);
-    oku_agc_destroy(agc);
+    return testsig::Tone(steps, rate, frame);
 }
 
-// Many handles per call: each handle's reading, and a few arrays per call
-// (not per handle or frame).
-TEST(Allocations, ManyHandlesPerCallAllocateTheirReadingsAndAFewArrays)
+std::size_t Samples(double rate, double ms)
 {
-    const oku::AudioData signal = Quiet(2000);
-    const std::size_t n = 16;
-    std::vector<oku_vad*> vads(n);
-    std::vector<oku_agc*> agcs(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        ASSERT_EQ(OKU_OK, oku_vad_create(16000.0, "", &vads[i]));
-        ASSERT_EQ(OKU_OK, oku_agc_create(16000, "", &agcs[i]));
+    std::size_t n = 0;
+    EXPECT_EQ(OKU_OK, oku_chunk_samples(rate, ms, &n));
+    return n;
+}
+
+// Takes every waiting result, one by one or in arrays, as a capture callback
+// does; returns the speech starts among them.
+int Drain(oku_vad* v, bool oneByOne)
+{
+    int starts = 0;
+    if (oneByOne) {
+        oku_vad_result r;
+        do {
+            EXPECT_EQ(OKU_OK, oku_vad_next(v, &r));
+            starts += r.type == OKU_VAD_SPEECH_START;
+        } while (r.type != OKU_VAD_NONE);
+    } else {
+        oku_vad_result r[16];
+        std::size_t count = 0;
+        do {
+            EXPECT_EQ(OKU_OK, oku_vad_results(v, r, 16, &count));
+            for (std::size_t i = 0; i < count; ++i)
+                starts += r[i].type == OKU_VAD_SPEECH_START;
+        } while (count == 16);
     }
-    std::vector<const int16_t*> samples(n);
-    const std::vector<std::size_t> counts(n, kFrame);
-    std::vector<double> gains(n, 0.5);
-    long most = 0, mostAgc = 0;
-    oku_vad_result r;
-    for (int k = 0; k < 1000; ++k) {
-        for (std::size_t i = 0; i < n; ++i)
-            samples[i] = &signal[(static_cast<std::size_t>(k) + 37 * i) % 1900 * kFrame];
-        long before = g_allocations;
-        ASSERT_EQ(OKU_OK, oku_vad_process_many(vads.data(), samples.data(), counts.data(), n));
-        for (oku_vad* v : vads) {
-            do
-                ASSERT_EQ(OKU_OK, oku_vad_next(v, &r));
-            while (r.type != OKU_VAD_NONE);
+    return starts;
+}
+
+struct Stream {
+    long allocations = 0;  // in the processing and taking calls
+    int starts = 0;        // speech starts seen
+    int updates = 0;       // gain updates
+};
+
+// One analyzer and one gain control at `rate`, created, then fed 60 s in
+// chunks of the given lengths in turn; counts what the calls allocate.
+Stream OneByOne(double rate, unsigned flags, bool oneByOne, const std::vector<double>& chunkMs)
+{
+    const oku::AudioData signal = Bursts(rate, 60);
+    oku_vad* vad = nullptr;
+    oku_agc* agc = nullptr;
+    EXPECT_EQ(OKU_OK, oku_vad_create_ex(rate, "", flags, &vad));
+    EXPECT_EQ(OKU_OK, oku_agc_create(static_cast<int>(rate), "", &agc));
+    Stream run;
+    double gain = 0.5;
+    std::size_t at = 0;
+    for (std::size_t k = 0;; ++k) {
+        const std::size_t n = Samples(rate, chunkMs[k % chunkMs.size()]);
+        if (at + n > signal.size())
+            break;
+        const long before = g_allocations;
+        EXPECT_EQ(OKU_OK, oku_vad_process(vad, &signal[at], n));
+        const int starts = Drain(vad, oneByOne);
+        EXPECT_EQ(OKU_OK, oku_agc_process(agc, &signal[at], n, gain, &gain));
+        oku_agc_decision d;
+        EXPECT_EQ(OKU_OK, oku_agc_info(agc, &d));
+        run.allocations += g_allocations - before;
+        run.starts += starts;
+        run.updates += d.updated;
+        at += n;
+    }
+    oku_vad_destroy(vad);
+    oku_agc_destroy(agc);
+    return run;
+}
+
+}  // namespace
+
+TEST(Allocations, HandlesAllocateNothingFromTheFirstCall)
+{
+    for (double rate : kRates) {
+        for (unsigned flags : {0u, unsigned{OKU_VAD_AUDIO_FRAMES}}) {
+            for (bool oneByOne : {true, false}) {
+                SCOPED_TRACE(testing::Message() << rate << " Hz, flags " << flags << ", "
+                                                << (oneByOne ? "oku_vad_next" : "oku_vad_results"));
+                // 20 ms calls, and calls of many lengths up to 300 ms, not aligned to frames.
+                for (const std::vector<double>& chunks : {std::vector<double>{20.0}, {0.125, 7.0, 300.0, 45.5, 1.0}}) {
+                    const Stream run = OneByOne(rate, flags, oneByOne, chunks);
+                    EXPECT_EQ(0, run.allocations);
+                    EXPECT_GE(run.starts, 15);  // the stream held what a capture callback meets
+                    EXPECT_GE(run.updates, 100);
+                }
+            }
         }
-        if (k >= 300)
-            most = std::max(most, g_allocations - before);
-        before = g_allocations;
-        ASSERT_EQ(OKU_OK, oku_agc_process_many(agcs.data(), samples.data(), counts.data(), gains.data(), gains.data(), n));
-        if (k >= 300)
-            mostAgc = std::max(mostAgc, g_allocations - before);
     }
-    EXPECT_LE(most, static_cast<long>(n) + 4);
-    EXPECT_LE(mostAgc, 8);
-    for (std::size_t i = 0; i < n; ++i) {
-        oku_vad_destroy(vads[i]);
-        oku_agc_destroy(agcs[i]);
+}
+
+// The many-calls over every rate at once, with more handles than one batch
+// holds: nothing allocated from the first call, and a handle passed twice,
+// found without any memory of the call's own, is still refused.
+TEST(Allocations, ManyCallsAllocateNothing)
+{
+    for (std::size_t n : {std::size_t{1}, std::size_t{16}, std::size_t{150}}) {
+        SCOPED_TRACE(testing::Message() << n << " handles");
+        std::vector<oku::AudioData> signals;
+        for (double rate : kRates)
+            signals.push_back(Bursts(rate, 30));
+        std::vector<oku_vad*> vads(n);
+        std::vector<oku_agc*> agcs(n);
+        std::vector<std::size_t> counts(n);
+        for (std::size_t i = 0; i < n; ++i) {
+            const double rate = kRates[i % 4];
+            ASSERT_EQ(OKU_OK, oku_vad_create(rate, "", &vads[i]));
+            ASSERT_EQ(OKU_OK, oku_agc_create(static_cast<int>(rate), "", &agcs[i]));
+            counts[i] = Samples(rate, 20.0);
+        }
+        std::vector<const int16_t*> samples(n);
+        std::vector<double> gains(n, 0.5);
+        long allocations = 0;
+        int starts = 0;
+        for (std::size_t k = 0; k < 1400; ++k) {  // 28 s
+            for (std::size_t i = 0; i < n; ++i)
+                samples[i] = &signals[i % 4][(k + 13 * i) % 1450 * counts[i]];
+            const long before = g_allocations;
+            ASSERT_EQ(OKU_OK, oku_vad_process_many(vads.data(), samples.data(), counts.data(), n));
+            for (oku_vad* v : vads)
+                starts += Drain(v, true);
+            ASSERT_EQ(OKU_OK,
+                      oku_agc_process_many(agcs.data(), samples.data(), counts.data(), gains.data(), gains.data(), n));
+            allocations += g_allocations - before;
+        }
+        EXPECT_EQ(0, allocations);
+        EXPECT_GE(starts, static_cast<int>(8 * n));
+        if (n > 1) {
+            std::vector<oku_vad*> twice = vads;
+            twice[n - 1] = twice[0];
+            EXPECT_EQ(OKU_ERR_ARGUMENT, oku_vad_process_many(twice.data(), samples.data(), counts.data(), n));
+            EXPECT_NE(nullptr, std::strstr(oku_last_error(), "repeats"));
+        }
+        for (std::size_t i = 0; i < n; ++i) {
+            oku_vad_destroy(vads[i]);
+            oku_agc_destroy(agcs[i]);
+        }
+    }
+}
+
+// What a handle holds, against the figures oku.h states.
+TEST(Allocations, HandlesHoldWhatTheHeaderSays)
+{
+    for (double rate : kRates) {
+        SCOPED_TRACE(rate);
+        const auto bytes = [&](unsigned flags, bool agc) {
+            const long before = g_bytes;
+            oku_vad* v = nullptr;
+            oku_agc* a = nullptr;
+            if (agc) {
+                EXPECT_EQ(OKU_OK, oku_agc_create(static_cast<int>(rate), "", &a));
+            } else {
+                EXPECT_EQ(OKU_OK, oku_vad_create_ex(rate, "", flags, &v));
+            }
+            const long held = g_bytes - before;
+            oku_vad_destroy(v);
+            oku_agc_destroy(a);
+            return held;
+        };
+        // Without frames: under 48 KiB. With frames, two rings of frames
+        // besides: 456 frames of 20 ms. A gain control: under 32 KiB.
+        const long frameBytes = static_cast<long>(rate) / 50 * 2;
+        EXPECT_LE(bytes(0, false), 48 * 1024);
+        EXPECT_LE(bytes(OKU_VAD_AUDIO_FRAMES, false), 48 * 1024 + 456 * frameBytes);
+        EXPECT_LE(bytes(0, true), 32 * 1024);
+        std::printf("%g Hz: analyzer %ld bytes, with frames %ld, gain control %ld\n", rate, bytes(0, false),
+                    bytes(OKU_VAD_AUDIO_FRAMES, false), bytes(0, true));
     }
 }

@@ -165,7 +165,7 @@ TEST(ProcessMany, AnalyzersGiveTheResultsOfTheirOwnProcessCalls)
     std::mt19937 rng(7);
     for (MeasureIsa isa : Ways()) {
         Way way(isa);
-        const std::size_t n = 19;
+        const std::size_t n = 67;  // more than one batch of the many-call
         std::vector<std::unique_ptr<oku::AudioAnalyzer>> many, one;
         std::vector<std::vector<short>> audio;
         std::vector<std::size_t> at(n, 0);
@@ -211,7 +211,7 @@ TEST(ComputeGainMany, GainControlsDecideAsTheirOwnCalls)
     std::mt19937 rng(11);
     for (MeasureIsa isa : Ways()) {
         Way way(isa);
-        const std::size_t n = 13;
+        const std::size_t n = 67;  // more than one batch of the many-call
         std::vector<std::unique_ptr<oku::AGC>> many, one;
         std::vector<std::shared_ptr<std::ostringstream>> manyLog, oneLog;
         std::vector<std::vector<short>> audio;

@@ -22,9 +22,11 @@ sys.path.insert(0, os.path.join(HERE, "..", "..", "python"))  # the oku package
 try:
     import gi
     gi.require_version("Gst", "1.0")
-    from gi.repository import Gst
+    gi.require_version("GstAudio", "1.0")
+    gi.require_version("GstRtp", "1.0")
+    from gi.repository import Gst, GstAudio, GstRtp  # noqa: F401  (GstAudio and GstRtp for the tests)
 except (ImportError, ValueError) as e:
-    print("skipped: GStreamer is not reachable from Python here (python3-gi and gir1.2-gstreamer-1.0): %s" % e)
+    print("skipped: GStreamer is not reachable from Python here (python3-gi, gir1.2-gstreamer-1.0 and gir1.2-gst-plugins-base-1.0): %s" % e)
     sys.exit(SKIP)
 
 Gst.init(None)
@@ -47,7 +49,8 @@ def make(description):
 
 
 def run(pipeline, timeout=TIMEOUT):
-    """Plays the pipeline to EOS; returns its element messages (structures with the element's name)."""
+    """Plays the pipeline to EOS; returns its element messages (structures with the element's name),
+    warnings among them as {"name": "warning", "message": ..., "debug": ...}."""
     bus = pipeline.get_bus()
     messages = []
     pipeline.set_state(Gst.State.PLAYING)
@@ -55,7 +58,8 @@ def run(pipeline, timeout=TIMEOUT):
     try:
         while True:
             m = bus.timed_pop_filtered(
-                Gst.SECOND, Gst.MessageType.EOS | Gst.MessageType.ERROR | Gst.MessageType.ELEMENT)
+                Gst.SECOND, Gst.MessageType.EOS | Gst.MessageType.ERROR | Gst.MessageType.ELEMENT |
+                Gst.MessageType.WARNING)
             if m is None:
                 if time.monotonic() > deadline:
                     raise PipelineError("no EOS after %d s" % timeout)
@@ -65,6 +69,10 @@ def run(pipeline, timeout=TIMEOUT):
                 raise PipelineError("%s: %s (%s)" % (m.src.get_name(), err.message, debug))
             if m.type == Gst.MessageType.EOS:
                 return messages
+            if m.type == Gst.MessageType.WARNING:
+                err, debug = m.parse_warning()
+                messages.append((m.src.get_name(), {"name": "warning", "message": err.message, "debug": debug}))
+                continue
             messages.append((m.src.get_name(), fields(m.get_structure())))
     finally:
         pipeline.set_state(Gst.State.NULL)
@@ -86,10 +94,11 @@ def caps(rate, channels=1):
     return Gst.Caps.from_string("audio/x-raw,format=S16LE,layout=interleaved,rate=%d,channels=%d" % (rate, channels))
 
 
-def feed(appsrc, samples, rate, chunk=1000, start=0, jumps=None, channels=1, timestamps=True):
+def feed(appsrc, samples, rate, chunk=1000, start=0, jumps=None, channels=1, timestamps=True, gap=None):
     """Queues the samples on appsrc in chunks of `chunk` frames, timestamped from `start`
     (ns); jumps maps a sample index (a chunk boundary) to extra ns added from there on,
-    the first buffer after it marked DISCONT."""
+    the first buffer after it marked DISCONT; the chunks that start within gap (a range
+    of sample indices) are marked GAP, their samples left as they are."""
     data = samples.tobytes()
     frame_bytes = 2 * channels
     n = len(data) // frame_bytes
@@ -99,6 +108,8 @@ def feed(appsrc, samples, rate, chunk=1000, start=0, jumps=None, channels=1, tim
         if jumps and i in jumps:
             shift += jumps[i]
             buf.set_flags(Gst.BufferFlags.DISCONT)
+        if gap and i in gap:
+            buf.set_flags(buf.get_flags() | Gst.BufferFlags.GAP)
         if timestamps:
             buf.pts = start + shift + Gst.util_uint64_scale_int(i, Gst.SECOND, rate)
             buf.duration = Gst.util_uint64_scale_int(min(n, i + chunk) - i, Gst.SECOND, rate)

@@ -7,6 +7,7 @@ every time with the buffer timestamps the samples came with.
 """
 import array
 import ctypes
+import math
 import os
 import re
 import shutil
@@ -14,8 +15,8 @@ import subprocess
 import tempfile
 import unittest
 
-from gsttest import (Gst, PipelineError, activity, as_array, caps, events, feed, make, named, ns, oku, rates, run,
-                     settings)
+from gsttest import (Gst, GstAudio, GstRtp, PipelineError, activity, as_array, caps, events, feed, make, named, ns,
+                     oku, rates, run, settings)
 from testaudio import BURSTS, EXPECTED, signal, write_wav
 
 CONTROLS = set(oku.CONTROLS)
@@ -38,6 +39,57 @@ def collect_output(sink):
     return out
 
 
+def collect_levels(sink):
+    """The GstAudioLevelMeta of every buffer reaching a fakesink: [(level, voice_activity) or None]."""
+    out = []
+    sink.set_property("signal-handoffs", True)
+
+    def handoff(_s, buf, _p):
+        meta = GstAudio.buffer_get_audio_level_meta(buf)
+        out.append((meta.level, meta.voice_activity) if meta else None)
+    sink.connect("handoff", handoff)
+    return out
+
+
+def rfc6464_level(samples):
+    """A packet's level as RFC 6464 defines it: -dBov of its mean power (0 dBov: full scale), 0..127."""
+    power = sum(x * x for x in samples) / len(samples) if len(samples) else 0
+    if power == 0:
+        return 127
+    return min(127, math.floor(-10 * math.log10(power / 32768.0 ** 2) + 0.5))
+
+
+def speech_after_each_chunk(samples, rate, chunk):
+    """Whether the analyzer (the handle API) is inside speech once it has heard each chunk."""
+    vad, inside, out = oku.Vad(rate), False, []
+    for i in range(0, len(samples), chunk):
+        for r in vad.process(samples[i:i + chunk]):
+            if isinstance(r, (oku.SpeechStart, oku.SpeechEnd)):
+                inside = isinstance(r, oku.SpeechStart)
+        out.append(inside)
+    return out
+
+
+def audio_level_extension(packet, ext_id):
+    """The one-byte (RFC 8285) header extension element ext_id of an RTP packet: (voice, level), or None."""
+    if not packet[0] & 0x10:
+        return None
+    at = 12 + 4 * (packet[0] & 0x0F)
+    profile, words = int.from_bytes(packet[at:at + 2], "big"), int.from_bytes(packet[at + 2:at + 4], "big")
+    if profile != 0xBEDE:
+        return None
+    data, k = packet[at + 4:at + 4 + 4 * words], 0
+    while k < len(data):
+        if data[k] == 0:  # padding
+            k += 1
+            continue
+        element, length = data[k] >> 4, (data[k] & 0x0F) + 1
+        if element == ext_id:
+            return bool(data[k + 1] & 0x80), data[k + 1] & 0x7F
+        k += 1 + length
+    return None
+
+
 class Plugin(unittest.TestCase):
     def test_inspect_and_properties_follow_the_library(self):
         for name in ("okuvad", "okuagc"):
@@ -53,9 +105,33 @@ class Plugin(unittest.TestCase):
                 # read back as the service takes it: the gain control keeps real settings as floats
                 default = ctypes.c_float(s.default_value).value if service == 1 else s.default_value
                 self.assertEqual(default, element.get_property(s.name.decode()), s.name)
+            # on the base classes level and webrtcdsp use
+            self.assertTrue(element.__gtype__.is_a(GstAudio.AudioFilter.__gtype__), name)
             template = element.get_pad_template("sink").get_caps()
             listed = re.search(r"rate=\(int\)\{ ([0-9, ]+) \}", template.to_string()).group(1)
             self.assertEqual(rates(), sorted(int(r) for r in listed.split(",")))
+
+    def test_unknown_params_keys_are_a_warning(self):
+        samples = signal(16000, BURSTS, 6.0)
+        for element, params, unknown in (("okuvad", "EOSTimeoutMs=300;EOSTimoutMs=1000", ["EOSTimoutMs"]),
+                                         ("okuagc", "EOSTimeoutMs=300", ["EOSTimeoutMs"])):
+            p, src = appsrc_pipeline("%s params=%s ! fakesink" % (element, params), 16000)
+            feed(src, samples, 16000)
+            src.emit("end-of-stream")
+            messages = run(p)
+            warnings = named(messages, "warning")
+            self.assertEqual(1, len(warnings), warnings)
+            for key in unknown:
+                self.assertIn(key, warnings[0]["message"])
+            # the known keys still apply
+            if element == "okuvad":
+                self.assertEqual(events(samples, 16000, "EOSTimeoutMs=300"),
+                                 [(pos, voice) for pos, voice, _, _ in activity(messages)])
+        # known keys alone: no warning
+        p, src = appsrc_pipeline("okuvad params=EOSTimeoutMs=300 ! fakesink", 16000)
+        feed(src, samples[:16000], 16000)
+        src.emit("end-of-stream")
+        self.assertEqual([], named(run(p), "warning"))
 
     def test_installed_copy_loads(self):
         build = os.environ.get("OKU_BUILD_DIR")
@@ -75,6 +151,9 @@ class Plugin(unittest.TestCase):
                 p = subprocess.run(["gst-inspect-1.0", name], capture_output=True, env=env, timeout=120)
                 self.assertEqual(0, p.returncode, p.stderr)
                 self.assertIn(work, p.stdout.decode())
+                # the manual the description names is installed there
+                manual = re.search(r"Manual: (\S+)", p.stdout.decode()).group(1)
+                self.assertTrue(os.path.isfile(os.path.join(work, manual)), manual)
         finally:
             shutil.rmtree(work)
 
@@ -190,6 +269,80 @@ class Vad(unittest.TestCase):
         self.assertGreater(latency, 0)
         self.assertLessEqual(ns(max(held), rate), latency)
 
+    def test_level_meta_reaches_rtp_packets(self):
+        # 20 ms buffers and 20 ms packets: one packet per buffer
+        rate, chunk = 16000, 320
+        p, src = appsrc_pipeline(
+            "okuvad ! tee name=t ! queue ! fakesink name=meta t. ! queue ! audioconvert ! "
+            "rtpL16pay name=pay min-ptime=20000000 max-ptime=20000000 ! fakesink name=rtp", rate)
+        levels = collect_levels(p.get_by_name("meta"))
+        packets = []
+        p.get_by_name("rtp").set_property("signal-handoffs", True)
+        p.get_by_name("rtp").connect("handoff", lambda _s, buf, _p: packets.append(buf.extract_dup(0, buf.get_size())))
+        extension = GstRtp.RTPHeaderExtension.create_from_uri("urn:ietf:params:rtp-hdrext:ssrc-audio-level")
+        extension.set_id(1)
+        p.get_by_name("pay").emit("add-extension", extension)
+        feed(src, self.samples, rate, chunk=chunk)
+        src.emit("end-of-stream")
+        segments = activity(run(p))
+
+        chunks = [self.samples[i:i + chunk] for i in range(0, len(self.samples), chunk)]
+        voice = speech_after_each_chunk(self.samples, rate, chunk)
+        expected = [(rfc6464_level(c), v) for c, v in zip(chunks, voice)]
+        self.assertEqual(expected, levels)
+        # every packet carries the extension, with the buffer's level and voice bit
+        self.assertEqual(len(chunks), len(packets))
+        self.assertEqual([(v, level) for level, v in expected], [audio_level_extension(pk, 1) for pk in packets])
+        # the voice bit agrees with the segments posted: one run of packets per segment, beginning
+        # no earlier than the segment and no later than the analyzer's delay after it
+        delay = 800 * rate // 1000
+        runs = [i for i in range(len(voice)) if voice[i] and (i == 0 or not voice[i - 1])]
+        starts = [pos for pos, has_voice, _, _ in segments if has_voice]
+        self.assertEqual(len(starts), len(runs))
+        for start, first in zip(starts, runs):
+            self.assertLessEqual(start, (first + 1) * chunk)
+            self.assertLessEqual((first + 1) * chunk - start, delay)
+
+        # gate mode: every buffer out lies in speech, at the level of its samples
+        p, src = appsrc_pipeline("okuvad mode=gate ! fakesink name=sink", rate)
+        sink = p.get_by_name("sink")
+        levels, out = collect_levels(sink), collect_output(sink)
+        feed(src, self.samples, rate, chunk=chunk)
+        src.emit("end-of-stream")
+        run(p)
+        self.assertTrue(out)
+        self.assertEqual([(rfc6464_level(as_array(data)), True) for _, _, data in out], levels)
+
+    def test_gap_buffers_are_silence_on_the_sample_clock(self):
+        # 2 s to 3 s come as GAP buffers (their samples, the end of the first burst
+        # and the pause after it, left in them): the analyzer hears zeros there and
+        # counts them, so the first segment ends early and the second keeps its place
+        rate, gap = 16000, range(2 * 16000, 3 * 16000)
+        p, src = appsrc_pipeline("okuvad ! fakesink name=sink", rate)
+        levels = collect_levels(p.get_by_name("sink"))
+        feed(src, self.samples, rate, chunk=1000, gap=gap)
+        src.emit("end-of-stream")
+        got = [(pos, voice) for pos, voice, _, _ in activity(run(p))]
+        silenced = array.array("h", self.samples)
+        silenced[gap.start:gap.stop] = array.array("h", bytes(2 * len(gap)))
+        self.assertEqual(events(silenced, rate), got)
+        self.assertNotEqual(events(self.samples, rate), got)
+        self.assertEqual({127}, {level for level, _ in levels[gap.start // 1000:gap.stop // 1000]})
+
+        # the same second as GAP events in place of the buffers
+        p, src = appsrc_pipeline("okuvad ! fakesink", rate)
+
+        def to_gap_event(pad, info):
+            buf = info.get_buffer()
+            if buf.get_flags() & Gst.BufferFlags.GAP:
+                pad.push_event(Gst.Event.new_gap(buf.pts, buf.duration))
+                return Gst.PadProbeReturn.DROP
+            return Gst.PadProbeReturn.OK
+        src.get_static_pad("src").add_probe(Gst.PadProbeType.BUFFER, to_gap_event)
+        feed(src, self.samples, rate, chunk=1000, gap=gap)
+        src.emit("end-of-stream")
+        self.assertEqual(got, [(pos, voice) for pos, voice, _, _ in activity(run(p))])
+
     def test_new_rate_and_flush_start_new_runs(self):
         # 2 s at 16 kHz ending inside speech, then the bursts at 8 kHz
         first, second = signal(16000, [(1.0, 2.5)], 2.0), signal(8000, BURSTS, 6.0)
@@ -303,6 +456,18 @@ class Agc(unittest.TestCase):
         self.assertIn("speech_too_high", [s["control"] for s in messages])
         self.assertLess(p.get_by_name("v").get_property("volume"), 1.0)
         self.assertAlmostEqual(steps[-1][1], p.get_by_name("v").get_property("volume"), places=6)
+
+    def test_gap_buffers_leave_the_volume_alone(self):
+        # 6 s of digital silence reads as a microphone turned far down: as audio it
+        # makes the gain control raise the volume; marked GAP it must not move it
+        silence = array.array("h", bytes(2 * 6 * 16000))
+        p, messages = self.run_agc("volume name=v volume=0.5 ! okuagc ! fakesink", silence)
+        self.assertGreater(p.get_by_name("v").get_property("volume"), 0.5)
+        p, src = appsrc_pipeline("volume name=v volume=0.5 ! okuagc ! fakesink", 16000)
+        feed(src, silence, 16000, chunk=320, gap=range(len(silence)))
+        src.emit("end-of-stream")
+        self.assertEqual([], named(run(p), "oku-agc"))
+        self.assertEqual(0.5, p.get_by_name("v").get_property("volume"))
 
     def test_which_volume_it_drives(self):
         samples = signal(16000, BURSTS, 4.0)
