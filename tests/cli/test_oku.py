@@ -567,8 +567,8 @@ class Messages(OkuTest):
         self.assertIn("oku: %s: not an audio file" % text, err)
         self.assertIn("oku: %s: is a directory" % self.dir, err)
         self.assertIn("oku: %s: the sampling rate in its header, 0 Hz, cannot be used" % rate0, err)
-        self.assertEqual([self.wav], [r["file"] for r in records(p.stdout, "summary")])
-        self.assertEqual(5, len(err.splitlines()))
+        self.assertEqual(5, len(err.splitlines()), err)
+        self.assertEqual([self.wav], [r["file"] for r in records(p.stdout, "summary")], (err, p.stdout))
 
     def test_json_is_valid_utf8_whatever_the_file_name(self):
         name = os.path.join(os.fsencode(self.dir), b"caf\xe9-\xff.wav")  # Latin-1 bytes, not UTF-8
