@@ -7,11 +7,14 @@
 #   make memcheck  the unit tests and the oku command under valgrind
 #   make docs   redraw the README's figure and rewrite docs/settings.md from the library
 #   make bench  benchmarks in Release on five kinds of audio, beside the reference kernel and peer libraries
+#   make web    the npm package oku-speech in web/dist/ (WebAssembly); make web-test its Node and Chromium
+#               tests, make web-demo its demo page on localhost, make web-bench its benchmark; make web-setup
+#               installs what they need (emscripten, esbuild, zopfli, nodejs, npm, chromium)
 BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build run test golden docs tsan fuzz memcheck bench clean
+.PHONY: all setup build run test golden docs tsan fuzz memcheck bench clean web web-setup web-test web-demo web-bench
 FUZZ_SECONDS ?= 60
 
 all: build
@@ -42,6 +45,9 @@ run: build
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+ifeq ($(BUILD),build)
+	@web/check.sh || { echo "web: tests failed"; exit 1; }
+endif
 
 # Rewrites the golden result files (tests/golden/) from the current build: only
 # for a change that is meant to alter results; review the diff before committing.
@@ -84,6 +90,30 @@ bench:
 	build-bench/bench/oku_latency > build-bench/latency.md
 	@cat build-bench/latency.md
 	python3 bench/report.py build-bench/results.json --markdown docs/performance.md --latency build-bench/latency.md
+
+# The npm package (web/): built from the library's sources by emscripten.
+WEB_TOOLS = emscripten esbuild zopfli nodejs chromium
+WEB_SOURCES = $(wildcard src/*.cpp src/*.h src/*.inc OKUVAD/*.cpp OKUVAD/*.h web/src/*) CMakeLists.txt \
+              web/package.json web/build.sh web/scripts/assemble.mjs
+
+# npm comes with some builds of nodejs, and Debian's npm package conflicts with those.
+web-setup:
+	@scripts/setup.sh $(WEB_TOOLS)
+	@command -v npm >/dev/null || scripts/setup.sh npm
+
+web/dist/index.js: $(WEB_SOURCES)
+	web/build.sh build-web
+
+web: web-setup web/dist/index.js
+
+web-test: web
+	cd web && node --test test/*.test.mjs
+
+web-demo: web
+	node web/demo/serve.mjs
+
+web-bench: web build
+	node web/bench/bench.mjs $(BUILD)
 
 clean:
 	rm -rf $(BUILD)

@@ -26,7 +26,7 @@ named by the environment variable OKU_LIBRARY, else the system's
 """
 from ._agc import Agc, Decision
 from ._facts import (ASSESSMENTS, CONTROLS, RATES, RESULT_TYPES, Setting, __version__, check_params,
-                     gain_from_volume, nearest_rate, settings, volume_from_gain)
+                     chunk_samples, gain_from_volume, nearest_rate, settings, unknown_keys, volume_from_gain)
 from ._lib import LIBRARY_PATH, OkuError
 from ._vad import Frame, Result, Segment, SpeechEnd, SpeechStart, Vad, Volume, process_many, to_segments
 
@@ -34,6 +34,6 @@ __all__ = [
     "Vad", "Agc", "process_many",
     "SpeechStart", "SpeechEnd", "Volume", "Frame", "Result", "Segment", "Decision", "to_segments",
     "RATES", "RESULT_TYPES", "ASSESSMENTS", "CONTROLS", "nearest_rate",
-    "Setting", "settings", "check_params", "gain_from_volume", "volume_from_gain",
+    "Setting", "settings", "check_params", "unknown_keys", "chunk_samples", "gain_from_volume", "volume_from_gain",
     "OkuError", "LIBRARY_PATH", "__version__",
 ]

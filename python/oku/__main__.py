@@ -19,9 +19,10 @@ import wave
 import warnings
 from typing import IO, Any, Callable, Dict, Iterator, List, Optional, Tuple
 
-from . import (ASSESSMENTS, CONTROLS, RATES, Agc, SpeechEnd, SpeechStart, Vad, Volume, __version__,
-               check_params, gain_from_volume, nearest_rate, settings, volume_from_gain)
-from ._facts import _SERVICE_NAMES, params_entries
+from . import (ASSESSMENTS, CONTROLS, RATES, Agc, Vad, Volume, __version__, check_params, gain_from_volume,
+               nearest_rate, volume_from_gain)
+from ._facts import _SERVICE_NAMES, chunk_samples, unknown_keys
+from ._vad import SegmentPairer
 
 PROG = "python -m oku"
 Emit = Callable[..., None]
@@ -48,8 +49,8 @@ def read_wav(path: str) -> Tuple[int, "array.array[int]"]:
 
 
 def chunks(samples: "array.array[int]", chunk_ms: float, rate: int) -> Iterator["array.array[int]"]:
-    """The samples in pieces of chunk_ms (at least one sample), as the oku command cuts them."""
-    step = max(1, round(chunk_ms * rate / 1000.0))
+    """The samples in pieces of chunk_ms, cut as the oku command cuts them."""
+    step = chunk_samples(rate, chunk_ms)
     for k in range(0, len(samples), step):
         yield samples[k:k + step]
 
@@ -59,19 +60,17 @@ def run_vad(path: str, args: argparse.Namespace, emit: Emit) -> None:
     readings = {name: 0 for name in ASSESSMENTS}
     segments: List[Tuple[float, float]] = []  # in ms, for exact differences
     peak = 0
-    start: Optional[SpeechStart] = None
+    pairer = SegmentPairer()
 
     def handle(results: List[Any]) -> None:
-        nonlocal start, peak
+        nonlocal peak
         for r in results:
-            if isinstance(r, SpeechStart):
-                start = r
-            elif isinstance(r, SpeechEnd) and start is not None:
-                segments.append((start.time_ms, r.time_ms))
-                emit("segment", index=len(segments), start_s=start.time_ms / 1000.0, end_s=r.time_ms / 1000.0,
-                     duration_s=(r.time_ms - start.time_ms) / 1000.0, start_sample=start.position,
-                     end_sample=r.position)
-            elif isinstance(r, Volume):
+            for s in pairer.add([r]):  # records in the order of the results
+                segments.append((s.start_ms, s.end_ms))
+                emit("segment", index=len(segments), start_s=s.start_ms / 1000.0, end_s=s.end_ms / 1000.0,
+                     duration_s=(s.end_ms - s.start_ms) / 1000.0, start_sample=s.start_sample,
+                     end_sample=s.end_sample)
+            if isinstance(r, Volume):
                 readings[r.assessment] += 1
                 peak = max(peak, r.peak)
                 if args.meter:
@@ -91,7 +90,7 @@ def run_agc(path: str, args: argparse.Namespace, emit: Emit) -> None:
     """The gain control against a simulated microphone: each chunk is the
     recording times --mic-gain times volume / --bound, clipped to 16 bits. The
     proposed volume applies from the next chunk; like a careful host, the
-    volume is left alone when the proposed gain equals the gain given."""
+    volume changes only when the decision says the gain changed."""
     rate, samples = read_wav(path)
     bound, volume = args.bound, args.volume
     counts = {name: 0 for name in CONTROLS}
@@ -103,7 +102,7 @@ def run_agc(path: str, args: argparse.Namespace, emit: Emit) -> None:
             gain = gain_from_volume(volume, bound)
             new_gain, d = agc.process(captured, gain)
             before = volume
-            if new_gain != gain:
+            if d.changed:
                 volume = volume_from_gain(new_gain, bound)
             if d.updated:
                 counts[d.control] += 1
@@ -151,8 +150,7 @@ def main(argv: Optional[List[str]] = None, out: IO[str] = sys.stdout, err: IO[st
     args = parser().parse_args(argv)
     try:
         check_params(args.command, args.params)
-        unknown = [key for key, _ in params_entries(args.params)
-                   if key not in {s.key for s in settings(args.command)}]
+        unknown = unknown_keys(args.command, args.params)
     except ValueError as e:
         print("%s: --params: %s" % (PROG, e), file=err)
         return 2

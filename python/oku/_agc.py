@@ -18,6 +18,7 @@ class Decision:
     time_ms: float    #: ms of audio received when the decision was taken
     pause_db: float   #: pause (noise floor) level used, dB of frame power
     speech_db: float  #: speech level used, dB of frame power
+    changed: bool = False  #: the last process() call proposed a gain other than the one given: apply it
 
 
 class Agc(Handle):
@@ -63,8 +64,9 @@ class Agc(Handle):
 
     def process(self, samples: object, gain: float) -> Tuple[float, Decision]:
         """Analyses a chunk captured at `gain` (0 to 1; 0 asks for a starting
-        gain). Returns the gain to apply next (the same gain when no update
-        took place) and the last decision."""
+        gain). Returns the gain to apply next and the last decision: when
+        decision.changed is False the gain returned is `gain` itself, so a
+        host applies the new gain exactly when decision.changed is True."""
         data, n = as_samples(samples)
         given = check_gain(gain)
         new_gain = ctypes.c_double()
@@ -90,7 +92,7 @@ class Agc(Handle):
     def _decision(pointer: ctypes.c_void_p) -> Decision:
         d = AgcDecision()
         check(lib.oku_agc_info(pointer, ctypes.byref(d)))
-        return Decision(CONTROLS[d.control], bool(d.updated), d.time_ms, d.pause_db, d.speech_db)
+        return Decision(CONTROLS[d.control], bool(d.updated), d.time_ms, d.pause_db, d.speech_db, bool(d.changed))
 
 
 def _forward(log: Callable[[str], object], errors: List[BaseException]) -> Callable[[object, bytes], None]:

@@ -102,16 +102,36 @@ def check_params(service: str, params: Optional[str]) -> None:
     check(lib.oku_params_check(_service(service), encode_params(params)))
 
 
+def unknown_keys(service: str, params: Optional[str]) -> List[str]:
+    """The keys of a parameter string that no setting of "vad" or "agc" has (a
+    misspelt key, or one meant for the other service), in byte order: the
+    service ignores them. ValueError for a malformed string."""
+    keys: List[str] = []
+
+    def take(_user, key, _value):
+        keys.append(key.decode("utf-8", "replace"))
+
+    check(lib.oku_params_unknown(_service(service), encode_params(params), PARAMS_FN(take), None, None))
+    return keys
+
+
+def chunk_samples(rate: float, chunk_ms: float) -> int:
+    """The samples in a chunk of chunk_ms at rate, rounded as every front end
+    of the library rounds them: halves up (0.3125 ms at 8000 Hz gives 3).
+    ValueError for a chunk of no sample or a value that is not positive and finite."""
+    samples = ctypes.c_size_t()
+    check(lib.oku_chunk_samples(float(rate), float(chunk_ms), ctypes.byref(samples)))
+    return samples.value
+
+
 def warn_unknown_keys(service: str, params: Optional[str], stacklevel: int) -> None:
     """A warning for each key of `params` that the service does not read (a
     misspelt key would otherwise be ignored without a word)."""
     if not params:
         return
-    known = {s.key for s in settings(service)}
-    for key, _ in params_entries(params):
-        if key not in known:
-            warnings.warn("params: %r is not a setting of %s; it is ignored" % (key, _SERVICE_NAMES[service]),
-                          stacklevel=stacklevel + 1)
+    for key in unknown_keys(service, params):
+        warnings.warn("params: %r is not a setting of %s; it is ignored" % (key, _SERVICE_NAMES[service]),
+                      stacklevel=stacklevel + 1)
 
 
 @dataclass(frozen=True)

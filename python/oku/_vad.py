@@ -5,7 +5,8 @@ from contextlib import ExitStack
 from dataclasses import dataclass
 from typing import Any, Callable, Dict, Iterable, List, Optional, Sequence, Tuple, Union
 
-from ._facts import ASSESSMENTS, RESULT_TYPES, _is_number, check_rate, encode_params, warn_unknown_keys
+from ._facts import (ASSESSMENTS, RESULT_TYPES, _is_number, check_rate, chunk_samples, encode_params,
+                     warn_unknown_keys)
 from ._handle import Handle
 from ._lib import VadResult, check, lib
 from ._samples import as_samples
@@ -31,13 +32,28 @@ class SpeechEnd:
 
 @dataclass(frozen=True)
 class Volume:
-    """A volume meter reading: one per process() call that completed a frame."""
+    """A volume meter reading: one per process() call that completed a frame.
+
+    The meter, by design, surprises in three ways:
+
+    - A run starts at 0 dBFS: level_dbfs rises at once to a louder peak but
+      falls at most MaxDecayRateDbPerDs (48 dB) per 100 ms, from full scale
+      at creation, reset() and flush(), so a run's first readings fall from
+      0 dBFS towards the true level instead of starting at it.
+    - snr_pct has no lower bound in speech: when the loudest recent frame lies
+      below the noise level plus an offset (clipped or very noisy speech) it
+      is negative, down to several hundred percent. Clamp it to draw a bar.
+    - "too_noisy" comes first: whenever the noise estimate lies above
+      TooNoisyLeveldBFS, over "too_loud" and "too_soft", and as long as the
+      estimate lasts. It follows the last 2 s of frames above 15 dB of
+      energy, so after noise it stays over digital silence.
+    """
 
     time_ms: float     #: end of the audio measured, ms from the start of the run
     position: int      #: the same instant in samples
     peak: int          #: largest absolute sample of the reading's audio, 0 to 32768
-    level_dbfs: float  #: peak level in dBFS, falling at a limited rate, -90.3 to 0
-    snr_pct: float     #: speech over noise in percent of full scale, 0 in a pause
+    level_dbfs: float  #: peak level in dBFS, falling at a limited rate, -90.3 to 0 (see below)
+    snr_pct: float     #: speech over noise in percent of full scale, at most 100, 0 in a pause (see below)
     assessment: str    #: one of ASSESSMENTS: "ok", "too_noisy", "too_soft" or "too_loud"
     speech: bool       #: the analyzer is inside speech
 
@@ -157,7 +173,7 @@ class Vad(Handle):
             raise TypeError("chunk_ms must be a number, not %s" % type(chunk_ms).__name__)
         if not (math.isfinite(chunk_ms) and chunk_ms > 0):
             raise ValueError("chunk_ms must be above 0, not %r" % chunk_ms)
-        step = max(1, round(chunk_ms * self._rate / 1000.0))
+        step = chunk_samples(self._rate, chunk_ms)
         data, n = as_samples(samples)
         events: List[Result] = []
         with self._use() as pointer:
@@ -210,14 +226,26 @@ def process_many(vads: Sequence[Vad], chunks: Sequence[object]) -> List[List[Res
         return [vads[i]._drain(pointers[i]) for i in range(n)]
 
 
+class SegmentPairer:
+    """Pairs speech starts with the ends that follow them as results arrive:
+    add() takes a batch of results and returns the segments they close; a
+    start whose end has not come yet is kept for the next batch."""
+
+    def __init__(self) -> None:
+        self.open: Optional[SpeechStart] = None
+
+    def add(self, results: Iterable[object]) -> List[Segment]:
+        segments = []
+        for r in results:
+            if isinstance(r, SpeechStart):
+                self.open = r
+            elif isinstance(r, SpeechEnd) and self.open is not None:
+                segments.append(Segment(self.open.time_ms, r.time_ms, self.open.position, r.position))
+                self.open = None
+        return segments
+
+
 def to_segments(results: Iterable[object]) -> List[Segment]:
     """Pairs each SpeechStart with the SpeechEnd that follows it; other results
     are passed over."""
-    segments, start = [], None
-    for r in results:
-        if isinstance(r, SpeechStart):
-            start = r
-        elif isinstance(r, SpeechEnd) and start is not None:
-            segments.append(Segment(start.time_ms, r.time_ms, start.position, r.position))
-            start = None
-    return segments
+    return SegmentPairer().add(results)

@@ -249,6 +249,32 @@ class FactsTest(unittest.TestCase):
         self.assertRaisesRegex(ValueError, "LeastGain", oku.check_params, "agc", "LeastGain=7")
         self.assertRaises(ValueError, oku.check_params, "gst", None)
 
+    def test_chunks_and_unknown_keys_by_the_library_rules(self):
+        # Halves round up (2.5 samples give 3), where Python's round() would give 2.
+        self.assertEqual(3, oku.chunk_samples(8000, 0.3125))
+        self.assertEqual(441, oku.chunk_samples(22050, 20))
+        self.assertRaisesRegex(ValueError, "no sample", oku.chunk_samples, 8000, 0.05)
+        # A key of the other service is unknown too; keys come in byte order.
+        self.assertEqual(["EOSTimeoutMS", "LowerBound"],
+                         oku.unknown_keys("vad", "LowerBound=50;EOSTimeoutMS=600;EOSTimeoutMs=600"))
+        self.assertEqual([], oku.unknown_keys("agc", None))
+        self.assertRaises(ValueError, oku.unknown_keys, "vad", "EOSTimeoutMs")
+
+    def test_a_gain_changes_exactly_when_the_decision_says_so(self):
+        rng = __import__("random").Random(5)
+        agc, gain, changes = oku.Agc(16000), 0.3, 0
+        for k in range(400):  # 8 s of noise that grows louder, then quiet
+            level = 200 * (k + 1) if k < 300 else 30
+            chunk = [max(-32768, min(32767, int(rng.gauss(0, level)))) for _ in range(320)]
+            new_gain, d = agc.process(chunk, gain)
+            if not d.changed:
+                self.assertEqual(gain, new_gain)  # handed back as given
+            else:
+                self.assertNotEqual(ctypes.c_float(gain).value, ctypes.c_float(new_gain).value)
+                changes += 1
+            gain = new_gain
+        self.assertGreater(changes, 0)
+
     def test_mismatches_are_named(self):
         class Short(ctypes.Structure):
             _fields_ = [("type", ctypes.c_int32)]

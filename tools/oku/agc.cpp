@@ -75,7 +75,7 @@ void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
         plot.reset(new AgcPlot(rate, o.bound, o.volume));
 
     long volume = o.volume;
-    long long samples = 0, counts[6] = {0, 0, 0, 0, 0, 0}, changes = 0;
+    long long samples = 0, counts[OKU_AGC_CONTROL_COUNT] = {}, changes = 0;
     std::vector<short> captured;
     Stream(
         source, converter, ChunkSamples(o.chunkMs, rate), o.progress, slot.name, [](const Block&) {},
@@ -91,22 +91,22 @@ void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
                 plot->AddAudio(captured, samples);
             samples += static_cast<long long>(captured.size());
 
-            // Volume to gain and back as the library converts them; like a
-            // careful host, the volume is left alone when the gain did not change.
+            // Volume to gain and back as the library converts them; the
+            // volume changes only when the decision says the gain did.
             double gain = 0.0, newGain = 0.0;
             Check(oku_gain_from_volume(volume, o.bound, &gain));
             const int status = oku_agc_process(agc.get(), captured.data(), captured.size(), gain, &newGain);
             if (log)
                 log->Rethrow();
             Check(status);
-            const long before = volume;
-            if (newGain != gain)
-                Check(oku_volume_from_gain(newGain, o.bound, &volume));
             oku_agc_decision d;
             Check(oku_agc_info(agc.get(), &d));
+            const long before = volume;
+            if (d.changed)
+                Check(oku_volume_from_gain(newGain, o.bound, &volume));
             if (!d.updated)
                 return;
-            const int control = d.control >= 0 && d.control < 6 ? d.control : 0;
+            const int control = d.control >= 0 && d.control < OKU_AGC_CONTROL_COUNT ? d.control : 0;
             ++counts[control];
             changes += volume != before;
             if (plot)
@@ -132,15 +132,18 @@ void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
                    slot.name + ": gain control, volume of " + std::to_string(o.bound), samples,
                    Setting(o.params, "LowerBound"), Setting(o.params, "UpperBound"));
 
+    long long decisions = 0;
+    for (long long n : counts)
+        decisions += n;
     Record summary(RecordType::AgcSummary);
     summary.Set("rate", static_cast<long long>(rate))
         .Set("original_rate", static_cast<long long>(source.Rate()))
         .Set("duration_s", source.FramesRead() / static_cast<double>(source.Rate()), 3)
-        .Set("decisions", counts[0] + counts[1] + counts[2] + counts[3] + counts[4] + counts[5])
+        .Set("decisions", decisions)
         .Set("changes", changes)
         .Set("final_volume", static_cast<long long>(volume))
         .Set("nonfinite_samples", converter.NonFinite());
-    for (int c = 0; c < 6; ++c)
+    for (int c = 0; c < OKU_AGC_CONTROL_COUNT; ++c)
         summary.Set(oku_agc_control_name(c), counts[c]);
     w.Write(summary);
     NoteNonFinite(slot.name, converter.NonFinite());

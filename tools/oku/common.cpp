@@ -5,6 +5,7 @@
 
 #include "oku.h"
 #include "progress.h"
+#include "text.h"
 
 namespace okutool {
 
@@ -34,7 +35,11 @@ OpenedInput OpenInput(const std::string& name, const Options& options)
 
 std::size_t ChunkSamples(double chunkMs, int rate)
 {
-    return std::max<std::size_t>(1, static_cast<std::size_t>(std::llround(chunkMs * rate / 1000.0)));
+    std::size_t samples = 0;
+    if (oku_chunk_samples(rate, chunkMs, &samples) != OKU_OK)
+        throw InputError("--chunk-ms " + Num(chunkMs) + " at " + std::to_string(rate) + " Hz: " +
+                         oku_last_error());
+    return samples;
 }
 
 std::string BaseName(const std::string& input)

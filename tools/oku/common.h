@@ -61,7 +61,8 @@ OpenedInput OpenInput(const std::string& name, const Options& options);
 // Throws InputError with the library's message unless status is OKU_OK.
 void Check(int status);
 
-// Samples per library call for a chunk length in ms (at least one).
+// Samples per library call for a chunk length in ms, rounded as the library
+// rounds them for every front end; InputError for a chunk of no sample.
 std::size_t ChunkSamples(double chunkMs, int rate);
 
 // The name an input gives its segment files: the file name without folder and

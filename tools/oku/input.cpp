@@ -1,6 +1,9 @@
 #include "input.h"
 
 #include <fcntl.h>
+#ifdef OKU_HAVE_MPG123
+#include <mpg123.h>
+#endif
 #include <sndfile.h>
 #include <soxr.h>
 #include <sys/stat.h>
@@ -36,6 +39,12 @@ public:
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
     int Get() const { return _fd; }
+    void Reset(int fd)
+    {
+        if (_fd >= 0)
+            ::close(_fd);
+        _fd = fd;
+    }
     int Release()
     {
         const int fd = _fd;
@@ -142,21 +151,29 @@ int Spool(int fd)
 // Any file libsndfile reads.
 class SndSource : public Source {
 public:
+    // Every member that holds a resource is whole before anything can throw,
+    // so that a refused input (an empty one, say) releases what it opened:
+    // a constructor that throws runs the members' destructors, not its own.
     explicit SndSource(const std::string& name)
     {
-        Fd fd(Open(name));
+        _fd.Reset(Open(name));
         struct stat st;
-        if (::fstat(fd.Get(), &st) == 0 && st.st_size == 0)
+        if (::fstat(_fd.Get(), &st) == 0 && st.st_size == 0)
             throw InputError("empty file");
-        const long headerRate = WaveHeaderRate(fd.Get());
+        const long headerRate = WaveHeaderRate(_fd.Get());
         SF_INFO info{};
-        _file.reset(sf_open_fd(fd.Get(), SFM_READ, &info, SF_FALSE));
+        _file.reset(sf_open_fd(_fd.Get(), SFM_READ, &info, SF_FALSE));
         if (!_file) {
             if (headerRate >= 0)
                 CheckRate(headerRate, "in its header");
             throw InputError(std::string("not an audio file libsndfile can read (") + sf_strerror(nullptr) + ")");
         }
-        _fd = fd.Release();  // closed after the SNDFILE (see the destructor)
+#ifdef OKU_HAVE_MPG123
+        if ((info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_MPEG) {
+            _mpeg = true;  // the caller reads it with libmpg123 instead
+            return;
+        }
+#endif
         _rate = info.samplerate;
         _channels = info.channels;
         _subtype = info.format & SF_FORMAT_SUBMASK;
@@ -169,12 +186,6 @@ public:
             throw InputError("cannot use " + std::to_string(_channels) + " channels");
     }
 
-    ~SndSource() override
-    {
-        _file.reset();
-        if (_fd >= 0)
-            ::close(_fd);
-    }
 
     bool Read(Block& block, std::size_t maxFrames) override
     {
@@ -200,6 +211,17 @@ public:
         return true;
     }
 
+    // An MPEG audio file, for libmpg123 to read (see Mpg123Source).
+    bool IsMpeg() const { return _mpeg; }
+    // Hands the descriptor over, rewound, and closes the file here.
+    int TakeDescriptor()
+    {
+        _file.reset();
+        if (::lseek(_fd.Get(), 0, SEEK_SET) < 0)
+            throw InputError("cannot rewind: " + ErrnoText(errno));
+        return _fd.Release();
+    }
+
 private:
     // A descriptor libsndfile can seek on: the file itself, or a spooled copy of a pipe.
     static int Open(const std::string& name)
@@ -223,8 +245,9 @@ private:
         return Spool(fd.Get());
     }
 
+    Fd _fd;           // declared first: closed after the SNDFILE that reads it
     SndfilePtr _file;
-    int _fd = -1;
+    bool _mpeg = false;
     std::vector<std::int32_t> _ints;
     std::vector<float> _floats;
 };
@@ -307,11 +330,97 @@ short ToSample(float x)
 
 }  // namespace
 
+#ifdef OKU_HAVE_MPG123
+struct Mpg123Deleter {
+    void operator()(mpg123_handle* h) const { mpg123_delete(h); }
+};
+
+// MPEG audio (MP3) decoded by libmpg123 to the end of the stream. The length
+// the decoder can tell before reading is an estimate from the first frame's
+// bit rate, wrong for a variable bit rate file without a header, so it is
+// not taken as the length: the stream is read until the decoder says it ended.
+class Mpg123Source : public Source {
+public:
+    explicit Mpg123Source(int fd)
+    {
+        _fd.Reset(fd);
+        int error = MPG123_OK;
+        _handle.reset(mpg123_new(nullptr, &error));
+        if (!_handle)
+            throw InputError(std::string("cannot decode MPEG audio: ") + mpg123_plain_strerror(error));
+        mpg123_handle* h = _handle.get();
+        mpg123_param(h, MPG123_ADD_FLAGS, MPG123_QUIET, 0.0);  // problems come back as statuses, not on stderr
+        // Float samples, at whatever rate and channels the stream has.
+        const long* rates = nullptr;
+        std::size_t count = 0;
+        mpg123_rates(&rates, &count);
+        mpg123_format_none(h);
+        for (std::size_t i = 0; i < count; ++i)
+            mpg123_format(h, rates[i], MPG123_MONO | MPG123_STEREO, MPG123_ENC_FLOAT_32);
+        if (mpg123_open_fd(h, _fd.Get()) != MPG123_OK)
+            throw InputError(std::string("cannot decode MPEG audio: ") + mpg123_strerror(h));
+        long rate = 0;
+        int channels = 0, encoding = 0;
+        if (mpg123_getformat(h, &rate, &channels, &encoding) != MPG123_OK)
+            throw InputError(std::string("cannot decode MPEG audio: ") + mpg123_strerror(h));
+        // One format for the whole stream.
+        mpg123_format_none(h);
+        mpg123_format(h, rate, channels, encoding);
+        _rate = rate;
+        _channels = channels;
+        _kind = SampleKind::Float;
+        _subtype = SF_FORMAT_MPEG_LAYER_III;
+        CheckRate(_rate, "of its first frame");
+    }
+
+    ~Mpg123Source() override
+    {
+        if (_handle)
+            mpg123_close(_handle.get());
+    }
+
+    bool Read(Block& block, std::size_t maxFrames) override
+    {
+        block = Block();
+        _floats.resize(std::max<std::size_t>(maxFrames, 1) * static_cast<std::size_t>(_channels));
+        const std::size_t frameBytes = sizeof(float) * static_cast<std::size_t>(_channels);
+        std::size_t bytes = 0;
+        for (;;) {
+            const int status = mpg123_read(_handle.get(), reinterpret_cast<unsigned char*>(_floats.data()),
+                                           _floats.size() * sizeof(float), &bytes);
+            if (bytes >= frameBytes)
+                break;
+            if (status == MPG123_DONE)
+                return false;
+            if (status != MPG123_OK && status != MPG123_NEW_FORMAT)
+                throw InputError(std::string("cannot decode: ") + mpg123_strerror(_handle.get()));
+        }
+        block.floats = _floats.data();
+        block.frames = bytes / frameBytes;
+        _framesRead += static_cast<long long>(block.frames);
+        return true;
+    }
+
+private:
+    Fd _fd;  // declared first: closed after the decoder that reads it
+    std::unique_ptr<mpg123_handle, Mpg123Deleter> _handle;
+    std::vector<float> _floats;
+};
+#endif
+
 std::unique_ptr<Source> OpenSource(const std::string& name, const RawFormat* raw)
 {
     if (raw)
         return std::unique_ptr<Source>(new RawSource(name, *raw));
-    return std::unique_ptr<Source>(new SndSource(name));
+    std::unique_ptr<SndSource> source(new SndSource(name));
+#ifdef OKU_HAVE_MPG123
+    if (source->IsMpeg()) {
+        const int fd = source->TakeDescriptor();
+        source.reset();
+        return std::unique_ptr<Source>(new Mpg123Source(fd));
+    }
+#endif
+    return std::unique_ptr<Source>(source.release());
 }
 
 Converter::Converter(const Source& source, int outRate)

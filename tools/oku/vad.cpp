@@ -44,7 +44,7 @@ void RunVad(const InputSlot& slot, const Run& run, Writer& w)
     };
     auto seconds = [&](double ms) { return std::min(ms / 1000.0, source.FramesRead() / originalRate); };
 
-    long long samples = 0, segments = 0, readings[4] = {0, 0, 0, 0};
+    long long samples = 0, segments = 0, readings[OKU_ASSESSMENT_COUNT] = {};
     double peak = 0.0, speechS = 0.0, startMs = 0.0;
     long long startPosition = 0;
     oku_vad_result results[64];
@@ -82,7 +82,7 @@ void RunVad(const InputSlot& slot, const Run& run, Writer& w)
                     if (plot)
                         plot->AddSegment(startPosition, r.position);
                 } else if (r.type == OKU_VAD_VOLUME) {
-                    const int a = r.assessment >= 0 && r.assessment < 4 ? r.assessment : 0;
+                    const int a = r.assessment >= 0 && r.assessment < OKU_ASSESSMENT_COUNT ? r.assessment : 0;
                     ++readings[a];
                     peak = std::max(peak, r.peak);
                     if (plot)
@@ -125,17 +125,20 @@ void RunVad(const InputSlot& slot, const Run& run, Writer& w)
         plot->Save(OutputName(o.plot, slot.index, slot.count), slot.name + ": speech segments and volume meter",
                    samples);
 
+    long long allReadings = 0;
+    for (long long n : readings)
+        allReadings += n;
     Record summary(RecordType::VadSummary);
     summary.Set("rate", static_cast<long long>(rate))
         .Set("original_rate", static_cast<long long>(source.Rate()))
         .Set("duration_s", source.FramesRead() / originalRate, 3)
         .Set("segments", segments)
         .Set("speech_s", speechS, 3)
-        .Set("readings", readings[0] + readings[1] + readings[2] + readings[3])
+        .Set("readings", allReadings)
         .Set("peak", static_cast<long long>(peak))
         .Set("peak_dbfs", 20.0 * std::log10(std::max(peak, 1.0) / 32768.0), 1)
         .Set("nonfinite_samples", converter.NonFinite());
-    for (int a = 0; a < 4; ++a)
+    for (int a = 0; a < OKU_ASSESSMENT_COUNT; ++a)
         summary.Set(oku_assessment_name(a), readings[a]);
     w.Write(summary);
     NoteNonFinite(slot.name, converter.NonFinite());
