@@ -6,7 +6,8 @@
 #   make fuzz   each fuzz target for FUZZ_SECONDS (default 60)
 #   make memcheck  the unit tests and the oku command under valgrind
 #   make docs   redraw the README's figure and rewrite docs/settings.md from the library
-#   make bench  benchmarks in Release on five kinds of audio, beside the reference kernel and peer libraries
+#   make bench  benchmarks in Release on five kinds of audio, beside the reference kernel and peer libraries;
+#               writes their tables into docs/performance.md
 #   make web    the npm package oku-speech in web/dist/ (WebAssembly); make web-test its Node and Chromium
 #               tests, make web-demo its demo page on localhost, make web-bench its benchmark; make web-setup
 #               installs what they need (emscripten, esbuild, zopfli, nodejs, npm, chromium)
