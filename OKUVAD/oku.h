@@ -49,8 +49,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#if defined(_WIN32)
+#if defined(_WIN32) && defined(OKU_BUILDING_LIBRARY)
 #  define OKU_API __declspec(dllexport)
+#elif defined(_WIN32) && !defined(OKU_STATIC)
+#  define OKU_API __declspec(dllimport)
 #elif defined(__GNUC__)
 #  define OKU_API __attribute__((visibility("default")))
 #else

@@ -28,8 +28,10 @@
 #ifndef OKUVAD_H
 #define OKUVAD_H
 
-#if defined(_WIN32)
+#if defined(_WIN32) && defined(OKU_BUILDING_LIBRARY)
 #  define OKUVAD_API __declspec(dllexport)
+#elif defined(_WIN32) && !defined(OKU_STATIC)
+#  define OKUVAD_API __declspec(dllimport)
 #elif defined(__GNUC__)
 #  define OKUVAD_API __attribute__((visibility("default")))
 #else

@@ -162,6 +162,7 @@ AGC::AGC(const std::string& keyValuePairs, int samplingRate)
     const std::size_t frame = static_cast<std::size_t>(GetSamplesPerFrame(_samplingRate));
     const std::size_t interval = static_cast<std::size_t>(_minUpdateFrames) * frame;
     ReserveChunk(std::min<std::size_t>(interval + kReservedChunk, kBufferLimit));
+    GetMeasureIsa();  // the process-wide one-time choice of lanes, here rather than in a processing call
 }
 
 void AGC::ReserveChunk(std::size_t n)

@@ -50,8 +50,11 @@ AudioAnalyzer::AudioAnalyzer(const std::string& keyValuePairs, double samplingRa
     UpdateParameters(keyValuePairs);
     Reset();
     // Everything a stream needs in steady state is reserved here, so that
-    // processing allocates nothing once results are taken as they come.
+    // processing allocates nothing once results are taken as they come; the
+    // process-wide choice of vector lanes, made once (under a guard that may
+    // lock or allocate), is made here too rather than in a processing call.
     ReserveChunk(kReservedChunk);
+    GetMeasureIsa();
     if (_supplyFrameData) {
         for (AudioData& frame : _audioFrames)
             frame.reserve(static_cast<std::size_t>(_samplesPerFrame));

@@ -30,6 +30,58 @@ std::atomic<long> g_bytes{0};
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 #endif
 
+#ifdef _WIN32
+// A DLL carries its own C++ runtime (linked in statically), whose operator
+// new the one above does not replace: the library's allocations are counted
+// at the DLL's import of malloc instead, which is pointed at a counting
+// wrapper before any test runs.
+#include <windows.h>
+
+namespace {
+void* (*g_dllMalloc)(std::size_t) = nullptr;
+
+void* CountingMalloc(std::size_t n)
+{
+    ++g_allocations;
+    g_bytes += static_cast<long>(n);
+    return g_dllMalloc(n);
+}
+
+bool HookDllMalloc()
+{
+    unsigned char* const base = reinterpret_cast<unsigned char*>(GetModuleHandleA("OKUVAD.dll"));
+    if (!base)
+        return false;
+    const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
+    const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
+    const IMAGE_DATA_DIRECTORY& imports = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    for (auto* d = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + imports.VirtualAddress); d->Name; ++d) {
+        const auto* names = reinterpret_cast<const IMAGE_THUNK_DATA*>(base + d->OriginalFirstThunk);
+        auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + d->FirstThunk);
+        for (; names->u1.AddressOfData; ++names, ++slots) {
+            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal))
+                continue;
+            const auto* byName = reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
+            if (std::strcmp(reinterpret_cast<const char*>(byName->Name), "malloc") != 0)
+                continue;
+            DWORD old = 0;
+            if (!VirtualProtect(&slots->u1.Function, sizeof slots->u1.Function, PAGE_READWRITE, &old))
+                return false;
+            g_dllMalloc = reinterpret_cast<void* (*)(std::size_t)>(slots->u1.Function);
+            slots->u1.Function = reinterpret_cast<ULONG_PTR>(&CountingMalloc);
+            VirtualProtect(&slots->u1.Function, sizeof slots->u1.Function, old, &old);
+            return true;
+        }
+    }
+    return false;
+}
+
+const bool g_dllCounted = HookDllMalloc();
+}  // namespace
+
+TEST(Allocations, TheDllsAllocationsAreCounted) { EXPECT_TRUE(g_dllCounted); }
+#endif
+
 void* operator new(std::size_t n)
 {
     ++g_allocations;
@@ -314,6 +366,7 @@ TEST(Allocations, HandlesHoldWhatTheHeaderSays)
             const long held = g_bytes - before;
             oku_vad_destroy(v);
             oku_agc_destroy(a);
+            EXPECT_GT(held, 1024);  // the counting sees the library's own allocations
             return held;
         };
         // Without frames: under 48 KiB. With frames, two rings of frames
