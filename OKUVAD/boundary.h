@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "../src/audiodata.h"
+#include "../src/measure.h"
 #include "../src/rates.h"
 
 namespace oku {
@@ -53,6 +54,7 @@ enum class Failure {
 template <typename F, typename OnFailure>
 int Guard(F&& f, OnFailure&& onFailure) noexcept
 {
+    const X87DoublePrecision precision;
     try {
         return f();
     } catch (const RateError& e) {

@@ -315,6 +315,7 @@ float AGC::ComputeGain(const AudioData& a, float curGain)
 
 float AGC::ComputeGain(const short* samples, std::size_t n, float curGain)
 {
+    const X87DoublePrecision precision;
     float gain;
     if (!Collect(samples, n, curGain, gain))
         return gain;
@@ -333,6 +334,7 @@ float AGC::ComputeGain(const short* samples, std::size_t n, float curGain)
 void AGC::ComputeGainMany(AGC* const* agcs, const short* const* samples, const std::size_t* counts,
                           const float* curGains, float* newGains, std::size_t n)
 {
+    const X87DoublePrecision precision;
     CheckMany("ComputeGainMany", agcs, samples, counts, n);
     if (n == 0)
         return;
@@ -492,12 +494,12 @@ unsigned short AGC::ComputeGain(const AudioData& a, unsigned short gain)
 
 float AGC::GainFromVolume(long volume, long bound)
 {
-    return static_cast<float>(static_cast<double>(volume) / static_cast<double>(bound));
+    return RoundToFloat(static_cast<double>(volume) / static_cast<double>(bound));
 }
 
 long AGC::VolumeFromGain(float gain, long bound)
 {
-    const double limit = static_cast<float>(bound);
+    const double limit = RoundToFloat(static_cast<double>(bound));
     const double product = static_cast<double>(gain) * limit;
     return product >= limit ? bound : static_cast<long>(product);
 }

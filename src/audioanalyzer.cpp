@@ -141,6 +141,7 @@ void AudioAnalyzer::Process(const AudioData& audioData)
 
 void AudioAnalyzer::Process(const short* samples, std::size_t n)
 {
+    const X87DoublePrecision precision;
     const std::size_t frames = Append(samples, n);
     const std::ptrdiff_t samplesPerFrame = _samplesPerFrame;
     int peak = 0;
@@ -154,6 +155,7 @@ void AudioAnalyzer::Process(const short* samples, std::size_t n)
 void AudioAnalyzer::ProcessMany(AudioAnalyzer* const* analyzers, const short* const* samples,
                                 const std::size_t* counts, std::size_t n)
 {
+    const X87DoublePrecision precision;
     CheckMany("ProcessMany", analyzers, samples, counts, n);
     if (n == 0)
         return;
@@ -338,6 +340,7 @@ double AudioAnalyzer::GenerateLeftoverFrame()
 
 void AudioAnalyzer::Flush()
 {
+    const X87DoublePrecision precision;
     Process(_writeIndex);
     GenerateFrameResults(_writeIndex - 1);
     const double leftoverTimeMs = GenerateLeftoverFrame();

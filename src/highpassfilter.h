@@ -97,6 +97,8 @@ public:
     // branches on the sign (a branch there is taken for half the samples and
     // mispredicted for many) and without a library call; the result is the
     // same as floor's.
+    // (On the x87 unit the caller holds X87DoublePrecision, so that y is the
+    // double sum; its conversions and comparison are exact in any precision.)
     static short RoundToSample(double x)
     {
         x = x > 32767.0 ? 32767.0 : x;

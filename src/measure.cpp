@@ -6,7 +6,10 @@
 
 // OKU_MEASURE_GENERIC builds only the portable lanes, as on other processors
 // (to test them on x86).
-#if (defined(__x86_64__) || defined(__i386__)) && !defined(OKU_MEASURE_GENERIC)
+// On 32-bit x86 only where SSE2 does the double arithmetic: the lanes must
+// compute exactly as the scalar code does.
+#if (defined(__x86_64__) || (defined(__i386__) && defined(__SSE2__) && defined(__SSE2_MATH__))) && \
+    !defined(OKU_MEASURE_GENERIC)
 #define OKU_MEASURE_X86 1
 #include <immintrin.h>
 #endif
@@ -233,24 +236,22 @@ struct Ops {
 
 #else  // not x86: the compiler's generic vectors, two lanes
 
-// 1.5 x 2^52: adding it to a double under 2^51 in magnitude and taking it
-// away again rounds the double to an integer.
-constexpr double kRoundingBias = 6755399441055744.0;
-
 namespace lanes2 {
 struct Ops {
     static constexpr int W = 2, MaxGroups = 2;
     typedef double V __attribute__((vector_size(2 * sizeof(double))));
     typedef std::int64_t I __attribute__((vector_size(2 * sizeof(double))));
+    typedef std::int32_t I32 __attribute__((vector_size(2 * sizeof(std::int32_t))));
     static V Load(const std::int32_t* p) { return V{static_cast<double>(p[0]), static_cast<double>(p[1])}; }
     static V Min(V x, V y) { return x < y ? x : y; }
     static V Max(V x, V y) { return x > y ? x : y; }
-    // floor: rounded to an integer, less one where that lies above y.
+    // floor: truncated toward zero (|y| < 2^31 here), less one where that
+    // lies above y. Exact in any floating-point unit, unlike rounding by
+    // adding and taking away 1.5 x 2^52, which needs double registers.
     static V Floor(V y)
     {
-        const V bias = V{} + kRoundingBias;
-        const V r = (y + bias) - bias;
-        return r - (V)((I)(V{} + 1.0) & (I)(r > y));
+        const V t = __builtin_convertvector(__builtin_convertvector(y, I32), V);
+        return t - (V)((I)(V{} + 1.0) & (I)(t > y));
     }
 };
 #include "measurelanes.inc"

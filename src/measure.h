@@ -49,6 +49,47 @@ MeasureIsa GetMeasureIsa();
 // them; false (and nothing changes) when the processor cannot. Process-wide.
 bool SetMeasureIsa(MeasureIsa isa);
 
+// 32-bit x86 without SSE2 arithmetic computes on the x87 unit, whose registers
+// hold a 64-bit mantissa; the library's results are defined by double
+// precision arithmetic, as SSE2 and every other processor do it. While an
+// object of this class lives, the x87 unit rounds every result to 53 bits (the
+// caller's setting comes back after), so that sums, filters and roundings give
+// the double results. Elsewhere it does nothing. The classes' processing
+// functions and every exported function hold one.
+class X87DoublePrecision {
+#if defined(__i386__) && !defined(__SSE2_MATH__)
+public:
+    X87DoublePrecision()
+    {
+        __asm__ __volatile__("fnstcw %0" : "=m"(_saved));
+        const unsigned short precision53 = static_cast<unsigned short>((_saved & ~0x300u) | 0x200u);
+        __asm__ __volatile__("fldcw %0" : : "m"(precision53));
+    }
+    ~X87DoublePrecision() { __asm__ __volatile__("fldcw %0" : : "m"(_saved)); }
+    X87DoublePrecision(const X87DoublePrecision&) = delete;
+    X87DoublePrecision& operator=(const X87DoublePrecision&) = delete;
+
+private:
+    unsigned short _saved;
+#else
+public:
+    X87DoublePrecision() {}
+    ~X87DoublePrecision() {}  // (user-provided: a guard held for its lifetime is not an unused variable)
+#endif
+};
+
+// x rounded to float, as a cast is meant to round it: gcc's x87 code may keep
+// a cast value in an 80-bit register, so there it goes through memory.
+inline float RoundToFloat(double x)
+{
+#if defined(__i386__) && !defined(__SSE_MATH__)
+    volatile float f = static_cast<float>(x);
+    return f;
+#else
+    return static_cast<float>(x);
+#endif
+}
+
 // A number no earlier call of this function returned (thread-safe).
 std::uint64_t NextRepeatStamp();
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "measure.h"
 #include "rates.h"
 #include "recordings.h"
 
@@ -133,6 +134,8 @@ TEST(HighpassFilter, OnlyTheFourRatesConstruct)
 // that fused a multiply and an add, or reordered the sums, would differ here.
 TEST(HighpassFilter, LongRunMatchesAPlainDoubleRecursionBitForBit)
 {
+    // The comparison is with double arithmetic, which the x87 unit gives only when told to.
+    const oku::X87DoublePrecision precision;
     const double b[4][3] = {{0.8399, -1.6796, 0.8399}, {0.8539, -1.7077, 0.8539},
                             {0.8655, -1.7309, 0.8655}, {0.8725, -1.7450, 0.8725}};
     const double a[4][2] = {{-1.8787, 0.8905}, {-1.9129, 0.9193}, {-1.9406, 0.9436}, {-1.9572, 0.9588}};
@@ -201,6 +204,8 @@ TEST(NegligibleState, BoundTimesTheLargestGrowthStaysFarUnderHalfAnUlp)
 // state meanwhile decays into the subnormal numbers.
 TEST(NegligibleState, ZeroRunsGiveThePlainRecursionsOutputsBitForBit)
 {
+    // The comparison is with double arithmetic, which the x87 unit gives only when told to.
+    const oku::X87DoublePrecision precision;
     for (const double rate : kRates) {
         const oku::SupportedRate& c = *oku::FindRate(rate);
         const oku::AudioData x = testsig::Render(
