@@ -7,13 +7,98 @@
  * The recording is fed in 20 ms chunks, as a capture callback would deliver it.
  * The analyzer counts one extra sample per call (see okuvad.h), so positions
  * are mapped back onto the file's own sample numbers before printing.
+ *
+ * The file is read with libsndfile, or on Windows with the system's own RIFF
+ * functions (winmm), which read 16-bit PCM WAV files.
  */
 #include <math.h>
-#include <sndfile.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include "okuvad.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#include <mmsystem.h>
+
+/* An open 16-bit PCM WAV file, positioned at its samples. */
+typedef struct {
+    HMMIO file;
+    int samplerate;
+    int channels;
+    long frames;
+} Recording;
+
+static int open_recording(const char* path, Recording* r)
+{
+    MMCKINFO riff = {0}, chunk = {0};
+    PCMWAVEFORMAT format;
+    r->file = mmioOpenA((LPSTR)path, NULL, MMIO_READ | MMIO_ALLOCBUF);
+    if (!r->file) {
+        fprintf(stderr, "%s: cannot open\n", path);
+        return 0;
+    }
+    riff.fccType = mmioFOURCC('W', 'A', 'V', 'E');
+    chunk.ckid = mmioFOURCC('f', 'm', 't', ' ');
+    if (mmioDescend(r->file, &riff, NULL, MMIO_FINDRIFF) != MMSYSERR_NOERROR ||
+        mmioDescend(r->file, &chunk, &riff, MMIO_FINDCHUNK) != MMSYSERR_NOERROR ||
+        mmioRead(r->file, (HPSTR)&format, sizeof format) != (LONG)sizeof format ||
+        format.wf.wFormatTag != WAVE_FORMAT_PCM || format.wBitsPerSample != 16) {
+        fprintf(stderr, "%s: not a 16-bit PCM WAV file\n", path);
+        mmioClose(r->file, 0);
+        return 0;
+    }
+    mmioAscend(r->file, &chunk, 0);
+    chunk.ckid = mmioFOURCC('d', 'a', 't', 'a');
+    if (mmioDescend(r->file, &chunk, &riff, MMIO_FINDCHUNK) != MMSYSERR_NOERROR) {
+        fprintf(stderr, "%s: no data chunk\n", path);
+        mmioClose(r->file, 0);
+        return 0;
+    }
+    r->samplerate = (int)format.wf.nSamplesPerSec;
+    r->channels = format.wf.nChannels;
+    r->frames = (long)(chunk.cksize / (2u * format.wf.nChannels));
+    return 1;
+}
+
+static long read_samples(Recording* r, short* buffer, long count)
+{
+    const LONG got = mmioRead(r->file, (HPSTR)buffer, (LONG)(count * 2));
+    return got > 0 ? got / 2 : 0;
+}
+
+static void close_recording(Recording* r) { mmioClose(r->file, 0); }
+#else
+#include <sndfile.h>
+
+typedef struct {
+    SNDFILE* file;
+    int samplerate;
+    int channels;
+    long frames;
+} Recording;
+
+static int open_recording(const char* path, Recording* r)
+{
+    SF_INFO info = {0};
+    r->file = sf_open(path, SFM_READ, &info);
+    if (!r->file) {
+        fprintf(stderr, "%s: %s\n", path, sf_strerror(NULL));
+        return 0;
+    }
+    r->samplerate = info.samplerate;
+    r->channels = info.channels;
+    r->frames = (long)info.frames;
+    return 1;
+}
+
+static long read_samples(Recording* r, short* buffer, long count)
+{
+    return (long)sf_read_short(r->file, buffer, count);
+}
+
+static void close_recording(Recording* r) { sf_close(r->file); }
+#endif
 
 /* A position in samples received by the analyzer, each call having brought
  * `chunk` file samples plus one, mapped onto the file's sample numbers. */
@@ -27,8 +112,7 @@ static long file_position(double received, long chunk)
 
 int main(int argc, char** argv)
 {
-    SF_INFO info = {0};
-    SNDFILE* file;
+    Recording info;
     short* buffer;
     long chunk, read, start = -1, segments = 0;
     long readings[4] = {0, 0, 0, 0};
@@ -39,34 +123,31 @@ int main(int argc, char** argv)
         fprintf(stderr, "usage: %s recording.wav\n", argv[0]);
         return 2;
     }
-    file = sf_open(argv[1], SFM_READ, &info);
-    if (!file) {
-        fprintf(stderr, "%s: %s\n", argv[1], sf_strerror(NULL));
+    if (!open_recording(argv[1], &info))
         return 1;
-    }
     if (info.channels != 1) {
         fprintf(stderr, "%s: %d channels; this example reads mono only\n", argv[1], info.channels);
-        sf_close(file);
+        close_recording(&info);
         return 1;
     }
     if (OKUVAD_Init((double)info.samplerate) != 0) {
         fprintf(stderr, "%s: sampling rate %d Hz is not supported (8000, 11025, 16000, 22050)\n", argv[1],
                 info.samplerate);
-        sf_close(file);
+        close_recording(&info);
         return 1;
     }
 
     chunk = info.samplerate / 50; /* 20 ms */
     buffer = malloc((size_t)chunk * sizeof(short));
     if (!buffer) {
-        sf_close(file);
+        close_recording(&info);
         return 1;
     }
-    printf("%s: %d Hz, %ld samples (%.2f s), %ld-sample chunks\n", argv[1], info.samplerate, (long)info.frames,
+    printf("%s: %d Hz, %ld samples (%.2f s), %ld-sample chunks\n", argv[1], info.samplerate, info.frames,
            (double)info.frames / info.samplerate, chunk);
     printf("%-8s %12s %12s %9s %9s\n", "segment", "start", "end", "start_s", "end_s");
 
-    while ((read = (long)sf_read_short(file, buffer, chunk)) > 0) {
+    while ((read = read_samples(&info, buffer, chunk)) > 0) {
         int start_call = 1, result = 0, volume_info = 0;
         double value = 0.0;
         do {
@@ -102,6 +183,6 @@ int main(int argc, char** argv)
 
     OKUVAD_Deinit();
     free(buffer);
-    sf_close(file);
+    close_recording(&info);
     return status == 0 ? 0 : 1;
 }

@@ -2,7 +2,10 @@
 # segment per spoken sentence, each covering its sentence: the start is dated up
 # to 7 frames (140 ms) before the first loud frame and the end falls within the
 # end-of-speech timeout (420 ms) plus a smoothing frame after the last one.
-execute_process(COMMAND ${EXAMPLE} ${DATA}/speech16k.wav OUTPUT_VARIABLE out RESULT_VARIABLE rc)
+# (EMULATOR, when set, runs a cross-built example: Wine, qemu.)
+separate_arguments(emulator UNIX_COMMAND "${EMULATOR}")
+execute_process(COMMAND ${emulator} ${EXAMPLE} ${DATA}/speech16k.wav OUTPUT_VARIABLE out RESULT_VARIABLE rc)
+string(REPLACE "\r" "" out "${out}")
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "example failed (${rc}):\n${out}")
 endif()
