@@ -6,6 +6,8 @@
 #   make fuzz   each fuzz target for FUZZ_SECONDS (default 60)
 #   make memcheck  the unit tests and the oku command under valgrind
 #   make docs   redraw the README's figure and rewrite docs/settings.md from the library
+#   make cross  the library and its C/C++ suite built for Linux i686 (SSE2 and x87), Linux aarch64
+#               and Windows x86-64 and i686 with Debian's cross compilers, run under qemu and Wine
 #   make bench  benchmarks in Release on five kinds of audio, beside the reference kernel and peer libraries;
 #               writes their tables into docs/performance.md
 #   make web    the npm package oku-speech in web/dist/ (WebAssembly); make web-test its Node and Chromium
@@ -15,7 +17,7 @@ BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build run test golden docs tsan fuzz memcheck bench clean web web-setup web-test web-demo web-bench
+.PHONY: all setup build run test golden docs tsan fuzz memcheck bench cross clean web web-setup web-test web-demo web-bench
 FUZZ_SECONDS ?= 60
 
 all: build
@@ -49,6 +51,9 @@ test: build
 ifeq ($(BUILD),build)
 	@web/check.sh || { echo "web: tests failed"; exit 1; }
 endif
+
+cross:
+	scripts/cross.sh
 
 # Rewrites the golden result files (tests/golden/) from the current build: only
 # for a change that is meant to alter results; review the diff before committing.
