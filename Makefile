@@ -53,7 +53,7 @@ ifeq ($(BUILD),build)
 endif
 
 cross:
-	scripts/cross.sh
+	CMAKE_FLAGS="$(CMAKE_FLAGS)" JOBS=$(JOBS) scripts/cross.sh
 
 # Rewrites the golden result files (tests/golden/) from the current build: only
 # for a change that is meant to alter results; review the diff before committing.
