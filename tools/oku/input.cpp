@@ -162,7 +162,14 @@ public:
             throw InputError("empty file");
         const long headerRate = WaveHeaderRate(_fd.Get());
         SF_INFO info{};
-        _file.reset(sf_open_fd(_fd.Get(), SFM_READ, &info, SF_FALSE));
+        // libsndfile gets a descriptor of its own: when it cannot open a file
+        // it closes the descriptor it was given, whatever it was told, and a
+        // second close here could then close another input's file, opened
+        // meanwhile by another job under the same number.
+        const int lent = ::fcntl(_fd.Get(), F_DUPFD_CLOEXEC, 0);
+        if (lent < 0)
+            throw InputError("cannot read: " + ErrnoText(errno));
+        _file.reset(sf_open_fd(lent, SFM_READ, &info, SF_TRUE));
         if (!_file) {
             if (headerRate >= 0)
                 CheckRate(headerRate, "in its header");
@@ -245,7 +252,7 @@ private:
         return Spool(fd.Get());
     }
 
-    Fd _fd;           // declared first: closed after the SNDFILE that reads it
+    Fd _fd;           // declared first: closed after the SNDFILE that reads a duplicate of it
     SndfilePtr _file;
     bool _mpeg = false;
     std::vector<std::int32_t> _ints;
