@@ -288,6 +288,26 @@ class Split(OkuTest):
             self.assertEqual((16000, 1), (rate, channels))
             self.assertEqual(values[seg["start_sample"]:seg["end_sample"]], got)
 
+    def test_segments_of_an_opus_recording_are_float(self):
+        # A lossy decoder's output is floats: cut to 16 bits, the segments would lose what was
+        # below the last bit, so they are written as float WAV files like the decoder's samples.
+        if shutil.which("gst-launch-1.0") is None or subprocess.run(
+                ["gst-inspect-1.0", "opusenc"], capture_output=True, timeout=TIMEOUT).returncode != 0:
+            self.skipTest("GStreamer's opusenc is not installed")
+        opus = self.path("bursts.opus")
+        subprocess.run(["gst-launch-1.0", "-q", "filesrc", "location=" + self.wav, "!", "wavparse", "!",
+                        "audioconvert", "!", "audioresample", "!", "opusenc", "!", "oggmux", "!",
+                        "filesink", "location=" + opus], check=True, capture_output=True, timeout=TIMEOUT)
+        out = self.fresh_dir("split-opus")
+        p = run("vad", "--format", "json", "--split", out, opus)
+        self.assertEqual(0, p.returncode, p.stderr)
+        files = sorted(os.listdir(out))
+        self.assertEqual(len(EXPECTED), len(files))
+        for name in files:
+            rate, channels, values = read_float_wav(os.path.join(out, name))
+            self.assertEqual(1, channels)
+            self.assertTrue(values and any(v != round(v * 32768) / 32768 for v in values), name)
+
     def test_segments_of_a_stereo_44k_recording_keep_its_rate_channels_and_bytes(self):
         out = self.fresh_dir("split-stereo")
         p = run("vad", "--format", "json", "--split", out, self.stereo)

@@ -70,10 +70,10 @@ bool IsFloatSubtype(int subtype)
     case SF_FORMAT_FLOAT:
     case SF_FORMAT_DOUBLE:
     case SF_FORMAT_VORBIS:
-#ifdef SF_FORMAT_OPUS
+#ifdef OKU_SNDFILE_OPUS
     case SF_FORMAT_OPUS:
 #endif
-#ifdef SF_FORMAT_MPEG_LAYER_III
+#ifdef OKU_SNDFILE_MPEG
     case SF_FORMAT_MPEG_LAYER_I:
     case SF_FORMAT_MPEG_LAYER_II:
     case SF_FORMAT_MPEG_LAYER_III:

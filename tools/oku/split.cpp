@@ -27,7 +27,7 @@ int SegmentSubtype(const Source& source)
         return source.Subtype();
     case SF_FORMAT_PCM_S8:
         return SF_FORMAT_PCM_U8;
-#ifdef SF_FORMAT_ALAC_16
+#ifdef OKU_SNDFILE_ALAC
     case SF_FORMAT_ALAC_20:
     case SF_FORMAT_ALAC_24:
         return SF_FORMAT_PCM_24;
