@@ -21,6 +21,7 @@
 #include <cmath>
 #include <algorithm>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <utility>
@@ -531,6 +532,15 @@ int main(int argc, char** argv)
     benchmark::RegisterBenchmark("agc_many/16000/16", AgcStreams, 16000, 16, 20, true);
     benchmark::RegisterBenchmark("agc_one_by_one/16000/16", AgcStreams, 16000, 16, 20, false);
     benchmark::Initialize(&argc, argv);
+    // The processor's model goes into the results, so the report can say what the figures were
+    // measured on (subnormal costs in particular differ between vendors).
+    std::ifstream cpuinfo("/proc/cpuinfo");
+    for (std::string line; std::getline(cpuinfo, line);) {
+        if (line.compare(0, 10, "model name") == 0 && line.find(':') != std::string::npos) {
+            benchmark::AddCustomContext("cpu_model", line.substr(line.find(':') + 2));
+            break;
+        }
+    }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;
