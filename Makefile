@@ -113,7 +113,7 @@ web/dist/index.js: $(WEB_SOURCES)
 web: web-setup web/dist/index.js
 
 web-test: web
-	cd web && node --test test/*.test.mjs
+	web/check.sh
 
 web-demo: web
 	node web/demo/serve.mjs

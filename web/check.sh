@@ -8,4 +8,4 @@ if [ ${#missing[@]} -gt 0 ]; then
   echo "web: tests skipped: ${missing[*]} not installed (make web-setup installs them)"
   exit 0
 fi
-make --no-print-directory web/dist/index.js && (cd web && node --test test/*.test.mjs)
+make --no-print-directory web/dist/index.js && (cd web && node --test --test-timeout=300000 test/*.test.mjs)

@@ -70,22 +70,47 @@ export function launch(url, samples, rate, { pipe = false, size = '900,700' } = 
     ...(pipe ? ['--remote-debugging-pipe'] : []),
     url,
   ];
-  const child = spawn('chromium', args, { stdio: ['ignore', 'ignore', 'pipe', ...(pipe ? ['pipe', 'pipe'] : [])] });
+  // Chromium leads a process group of its own, so that stop() can end its helper processes
+  // (renderer, GPU, audio) together with it: killed alone, the browser leaves them writing
+  // into the profile folder for a moment.
+  const child = spawn('chromium', args, {
+    detached: true,
+    stdio: ['ignore', 'ignore', 'pipe', ...(pipe ? ['pipe', 'pipe'] : [])],
+  });
   let log = '';
   child.stderr.on('data', (d) => (log = (log + d).slice(-4000)));
   const exited = new Promise((_, reject) =>
     child.on('exit', (code, signal) => reject(new Error('chromium ended (' + (signal || code) + ') before the page reported:\n' + log))));
   exited.catch(() => {});
+  // Settles when the browser has ended, or could not be started at all.
+  const ended = new Promise((resolve) => {
+    child.on('exit', resolve);
+    child.on('error', resolve);
+  });
   return {
     child,
     exited,
+    // Ends the browser and its helpers and removes its folder. Never throws: a folder that
+    // a lingering helper keeps writing into is left behind with a warning, since the tests'
+    // results do not depend on it.
     async stop() {
-      if (child.exitCode === null && child.signalCode === null) {
-        const ended = new Promise((resolve) => child.on('exit', resolve));
-        child.kill('SIGKILL');
-        await ended;
+      try {
+        process.kill(-child.pid, 'SIGKILL');
+      } catch {
+        // Already gone, or never started.
       }
-      rmSync(dir, { recursive: true, force: true, maxRetries: 5 });
+      await ended;
+      let error;
+      for (let attempt = 0; attempt < 20; attempt++) {
+        try {
+          rmSync(dir, { recursive: true, force: true });
+          return;
+        } catch (e) {
+          error = e;
+          await new Promise((resolve) => setTimeout(resolve, 100));
+        }
+      }
+      console.warn('# could not remove ' + dir + ': ' + error.message);
     },
   };
 }

@@ -51,7 +51,7 @@ test('the worklet node finds the recording\'s segments in Chromium', { skip: mis
     // One reading per 20 ms of the ~5 s heard.
     assert.ok(got.volumes > 200, `${got.volumes} volume readings`);
   } finally {
-    await browser.stop();
     server.close();
+    await browser.stop();
   }
 });

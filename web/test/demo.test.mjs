@@ -31,7 +31,7 @@ test('the demo page shows the segments, and its screenshot is taken', { skip: ch
     mkdirSync(dirname(path), { recursive: true });
     writeFileSync(path, png);
   } finally {
-    await browser.stop();
     server.close();
+    await browser.stop();
   }
 });
