@@ -95,6 +95,20 @@ class OkuTest(unittest.TestCase):
         os.mkdir(d)
         return d
 
+    def encoded(self, name, *encoder):
+        """The shipped recording encoded by GStreamer's `encoder` elements into `name`; the
+        test is skipped when GStreamer or the first element is not installed."""
+        if shutil.which("gst-launch-1.0") is None or subprocess.run(
+                ["gst-inspect-1.0", encoder[0]], capture_output=True, timeout=TIMEOUT).returncode != 0:
+            self.skipTest("GStreamer's %s is not installed" % encoder[0])
+        out = self.path(name)
+        argv = ["gst-launch-1.0", "-q", "filesrc", "location=" + self.wav]
+        for element in ("wavparse", "audioconvert", "audioresample") + encoder:
+            argv += ["!", element]
+        argv += ["!", "filesink", "location=" + out]
+        subprocess.run(argv, check=True, capture_output=True, timeout=TIMEOUT)
+        return out
+
     def expect(self, args, status, message, **kw):
         p = run(*args, **kw)
         self.assertEqual(status, p.returncode, p.stderr)
@@ -254,13 +268,7 @@ class Streaming(OkuTest):
         # lamemp3enc writes variable bit rate frames and no header giving the
         # length: libsndfile alone reads such a file only as far as the first
         # frame's bit rate suggests (here 3.6 of 6 s, and one segment lost).
-        if shutil.which("gst-launch-1.0") is None or subprocess.run(
-                ["gst-inspect-1.0", "lamemp3enc"], capture_output=True, timeout=TIMEOUT).returncode != 0:
-            self.skipTest("GStreamer's lamemp3enc is not installed")
-        mp3 = self.path("bursts.mp3")
-        subprocess.run(["gst-launch-1.0", "-q", "filesrc", "location=" + self.wav, "!", "wavparse", "!",
-                        "audioconvert", "!", "lamemp3enc", "!", "filesink", "location=" + mp3],
-                       check=True, capture_output=True, timeout=TIMEOUT)
+        mp3 = self.encoded("bursts.mp3", "lamemp3enc")
         p = run("vad", "--format", "json", mp3)
         self.assertEqual(0, p.returncode, p.stderr)
         # The encoder and decoder add a few dozen milliseconds of delay and padding.
@@ -291,13 +299,7 @@ class Split(OkuTest):
     def test_segments_of_an_opus_recording_are_float(self):
         # A lossy decoder's output is floats: cut to 16 bits, the segments would lose what was
         # below the last bit, so they are written as float WAV files like the decoder's samples.
-        if shutil.which("gst-launch-1.0") is None or subprocess.run(
-                ["gst-inspect-1.0", "opusenc"], capture_output=True, timeout=TIMEOUT).returncode != 0:
-            self.skipTest("GStreamer's opusenc is not installed")
-        opus = self.path("bursts.opus")
-        subprocess.run(["gst-launch-1.0", "-q", "filesrc", "location=" + self.wav, "!", "wavparse", "!",
-                        "audioconvert", "!", "audioresample", "!", "opusenc", "!", "oggmux", "!",
-                        "filesink", "location=" + opus], check=True, capture_output=True, timeout=TIMEOUT)
+        opus = self.encoded("bursts.opus", "opusenc", "oggmux")
         out = self.fresh_dir("split-opus")
         p = run("vad", "--format", "json", "--split", out, opus)
         self.assertEqual(0, p.returncode, p.stderr)

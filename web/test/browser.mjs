@@ -100,17 +100,11 @@ export function launch(url, samples, rate, { pipe = false, size = '900,700' } = 
         // Already gone, or never started.
       }
       await ended;
-      let error;
-      for (let attempt = 0; attempt < 20; attempt++) {
-        try {
-          rmSync(dir, { recursive: true, force: true });
-          return;
-        } catch (e) {
-          error = e;
-          await new Promise((resolve) => setTimeout(resolve, 100));
-        }
+      try {
+        rmSync(dir, { recursive: true, force: true, maxRetries: 20, retryDelay: 100 });
+      } catch (e) {
+        console.warn('# could not remove ' + dir + ': ' + e.message);
       }
-      console.warn('# could not remove ' + dir + ': ' + error.message);
     },
   };
 }
