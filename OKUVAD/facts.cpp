@@ -9,6 +9,7 @@
 
 #include "../src/agc.h"
 #include "../src/audioanalyzer.h"
+#include "../src/inputpath.h"
 #include "../src/rates.h"
 #include "../src/settings.h"
 #include "oku.h"
@@ -32,6 +33,7 @@ using Control = oku::AGC::ControlInfo;
 static_assert(Same(OKU_VOLUME_OK, Meter::OK) && Same(OKU_VOLUME_TOO_NOISY, Meter::TooNoisy) &&
                   Same(OKU_VOLUME_TOO_SOFT, Meter::TooSoft) && Same(OKU_VOLUME_TOO_LOUD, Meter::TooLoud),
               "assessments");
+static_assert(OKU_MAX_CHANNELS == oku::kMaxChannels, "channel limit");
 static_assert(Same(OKU_AGC_UNCHANGED, Control::Unchanged) && Same(OKU_AGC_PAUSE_TOO_LOW, Control::PauseTooLow) &&
                   Same(OKU_AGC_SPEECH_TOO_LOW, Control::SpeechTooLow) &&
                   Same(OKU_AGC_SPEECH_TOO_HIGH, Control::SpeechTooHigh) &&
@@ -53,6 +55,7 @@ const char* Name(const char* const (&names)[N], int value)
 // The C views of the library's tables, made once from the classes' own.
 struct TablesView {
     int rates[oku::kSupportedRateCount];
+    int inputRates[oku::kInputRateCount];
     oku_setting vad[oku::kAnalyzerSettingCount];
     oku_setting agc[oku::kAgcSettingCount];
 
@@ -70,6 +73,8 @@ struct TablesView {
     {
         for (std::size_t i = 0; i < oku::kSupportedRateCount; ++i)
             rates[i] = oku::kSupportedRates[i].hz;
+        for (std::size_t i = 0; i < oku::kInputRateCount; ++i)
+            inputRates[i] = oku::kInputRates[i].hz;
         Fill(vad, oku::kAnalyzerSettings);
         Fill(agc, oku::kAgcSettings);
     }
@@ -141,6 +146,21 @@ OKU_API const int* oku_rates(size_t* count)
 OKU_API int oku_rate_supported(double rate) { return oku::FindRate(rate) != nullptr; }
 
 OKU_API int oku_nearest_rate(double rate) { return oku::NearestRate(rate); }
+
+OKU_API const int* oku_input_rates(size_t* count)
+{
+    if (count)
+        *count = oku::kInputRateCount;
+    return View().inputRates;
+}
+
+OKU_API int oku_analysis_rate(double rate)
+{
+    const oku::InputRate* r = oku::FindInputRate(rate);
+    return r ? r->analysisHz : 0;
+}
+
+OKU_API int oku_max_channels(void) { return oku::kMaxChannels; }
 
 OKU_API const char* oku_vad_result_name(int type) { return Name(kResultNames, type); }
 
@@ -289,8 +309,9 @@ OKU_API int oku_vad_delay(double rate, const char* params, double* ms)
     if (!ms)
         return Null("ms");
     const int status = Guard([&]() -> int {
-        const oku::AudioAnalyzer analyzer(params ? params : "", rate, false);
-        *ms = analyzer.GetFrameDelay() * analyzer.GetFrameSizeMs();
+        const oku::InputPath input(rate, 1);
+        const oku::AudioAnalyzer analyzer(params ? params : "", input.AnalysisRate(), false);
+        *ms = analyzer.GetFrameDelay() * analyzer.GetFrameSizeMs() + input.LatencyMs();
         return OKU_OK;
     });
     return oku::status::NameParams(status, OKU_SERVICE_VAD, params);
@@ -306,6 +327,8 @@ OKU_API size_t oku_struct_size(const char* name)
         return sizeof(oku_agc_decision);
     if (std::strcmp(name, "oku_setting") == 0)
         return sizeof(oku_setting);
+    if (std::strcmp(name, "oku_vad_segment") == 0)
+        return sizeof(oku_vad_segment);
     return 0;
 }
 

@@ -12,10 +12,12 @@
 #include <streambuf>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "../src/agc.h"
 #include "../src/audioanalyzer.h"
+#include "../src/inputpath.h"
 #include "../src/measure.h"
 #include "boundary.h"
 #include "status.h"
@@ -27,36 +29,74 @@ using oku::status::Null;
 static_assert(std::is_same<int16_t, short>::value, "samples are handed to the classes as short");
 
 struct oku_vad {
+    oku::InputPath input;
     oku::AudioAnalyzer analyzer;
-    double rate;
     bool frames;
+    oku::AudioData converted;      // a chunk at the analysis rate, reused from call to call
+    oku_vad_segment open{};        // the start of the segment the last SPEECH_START taken opened
     std::uint64_t repeatMark = 0;  // for the repeat check of the many-call
 
-    oku_vad(const char* params, double samplingRate, bool supplyFrames)
-        : analyzer(params ? params : "", samplingRate, supplyFrames), rate(samplingRate), frames(supplyFrames)
+    oku_vad(const char* params, double rate, int channels, bool supplyFrames)
+        : input(rate, channels),
+          analyzer(params ? params : "", input.AnalysisRate(), supplyFrames),
+          frames(supplyFrames)
     {
         // Frames are handed out only when asked for; otherwise they are not made at all.
         analyzer.SetFrameResults(supplyFrames);
+        if (!input.Passthrough())
+            converted.reserve(oku::AudioAnalyzer::kReservedChunk);
+    }
+
+    // Room, before anything changes, for what n input samples give.
+    void Reserve(std::size_t n)
+    {
+        const std::size_t m = input.MaxOutput(n);
+        analyzer.ReserveChunk(m);
+        if (!input.Passthrough() && converted.capacity() < m)
+            converted.reserve(m);
+    }
+
+    // The analysis samples of a chunk, and how many: the chunk itself when it
+    // passes through, else its conversion.
+    template <typename Sample>
+    std::pair<const short*, std::size_t> Convert(const Sample* samples, std::size_t n)
+    {
+        if constexpr (std::is_same<Sample, short>::value) {
+            if (input.Passthrough())
+                return {samples, n};
+        }
+        input.Convert(samples, n, converted);
+        return {converted.data(), converted.size()};
     }
 };
-
 static std::uint64_t& RepeatMark(oku_vad* v) { return v->repeatMark; }
 
 namespace {
 
 // More samples than any array can hold: refused before the pointer is used.
+template <typename Sample>
 int CheckCount(std::size_t n)
 {
-    if (n > static_cast<std::size_t>(PTRDIFF_MAX) / sizeof(int16_t))
+    if (n > static_cast<std::size_t>(PTRDIFF_MAX) / sizeof(Sample))
         return Fail(OKU_ERR_ARGUMENT, "sample count larger than any array");
     return OKU_OK;
+}
+
+// Refuses a sample count that is no whole number of frames; `what` names it.
+template <typename What>
+int CheckFrames(std::size_t n, int channels, What what)
+{
+    if (n % static_cast<std::size_t>(channels) == 0)
+        return OKU_OK;
+    return Fail(OKU_ERR_ARGUMENT, std::string(what) + " (" + std::to_string(n) + ") is not a whole number of frames of " +
+                                      std::to_string(channels) + " channels");
 }
 
 // Checks the arrays of a *_process_many call before anything is touched:
 // OKU_OK, or the status of the first fault with a message naming it
 // ("vads[3] is null"). May throw std::bad_alloc.
-template <typename Handle>
-int CheckMany(const char* name, Handle* const* handles, const int16_t* const* samples, const std::size_t* counts,
+template <typename Sample, typename Handle>
+int CheckMany(const char* name, Handle* const* handles, const Sample* const* samples, const std::size_t* counts,
               std::size_t n)
 {
     if (n == 0)
@@ -71,8 +111,10 @@ int CheckMany(const char* name, Handle* const* handles, const int16_t* const* sa
     for (std::size_t i = 0; i < n; ++i) {
         if (!handles[i])
             return Fail(OKU_ERR_NULL, at(name, i) + " is null");
-        if (CheckCount(counts[i]) != OKU_OK)
+        if (CheckCount<Sample>(counts[i]) != OKU_OK)
             return Fail(OKU_ERR_ARGUMENT, at("counts", i) + " is larger than any array");
+        if (counts[i] % static_cast<std::size_t>(handles[i]->input.Channels()) != 0)
+            return CheckFrames(counts[i], handles[i]->input.Channels(), at("counts", i));
         if (!samples[i] && counts[i] > 0)
             return Fail(OKU_ERR_NULL, at("samples", i) + " is null");
     }
@@ -119,21 +161,36 @@ bool Convert(const oku_vad& vad, const oku::QueuedResult& r, oku_vad_result& out
         break;
     }
     }
-    c.position = std::llround(c.time_ms * vad.rate / 1000.0);
+    c.position = vad.input.ToInputFrames(std::llround(c.time_ms * vad.input.AnalysisRate() / 1000.0));
     out = c;
     return true;
 }
 
-// Takes up to capacity results the interface hands out.
-std::size_t Take(oku_vad& vad, oku_vad_result* out, std::size_t capacity)
+// Takes up to capacity results the interface hands out; a SPEECH_START
+// opens a segment, which the next SPEECH_END closes into segments[i] (when
+// segments is given).
+std::size_t Take(oku_vad& vad, oku_vad_result* out, std::size_t capacity, oku_vad_segment* segments = nullptr)
 {
     std::size_t count = 0;
     while (count < capacity) {
         const oku::QueuedResult* r = vad.analyzer.TakeResult();
         if (!r)
             break;
-        if (Convert(vad, *r, out[count]))
-            ++count;
+        oku_vad_result& c = out[count];
+        if (!Convert(vad, *r, c))
+            continue;
+        oku_vad_segment segment{};
+        if (c.type == OKU_VAD_SPEECH_START) {
+            vad.open.start = c.position;
+            vad.open.start_ms = c.time_ms;
+        } else if (c.type == OKU_VAD_SPEECH_END) {
+            segment = vad.open;
+            segment.end = c.position;
+            segment.end_ms = c.time_ms;
+        }
+        if (segments)
+            segments[count] = segment;
+        ++count;
     }
     return count;
 }
@@ -174,9 +231,35 @@ struct oku_agc {
     bool updated = false;
     bool changed = false;
     std::uint64_t repeatMark = 0;  // for the repeat check of the many-call
+    oku::InputPath input;
     oku::AGC agc;
+    oku::AudioData converted;  // a chunk at the analysis rate, reused from call to call
 
-    oku_agc(const char* params, int rate) : agc(params ? params : "", rate) {}
+    oku_agc(const char* params, double rate, int channels)
+        : input(rate, channels), agc(params ? params : "", input.AnalysisRate())
+    {
+        if (!input.Passthrough())
+            converted.reserve(oku::AGC::kReservedChunk);
+    }
+
+    void Reserve(std::size_t n)
+    {
+        const std::size_t m = input.MaxOutput(n);
+        agc.ReserveChunk(m);
+        if (!input.Passthrough() && converted.capacity() < m)
+            converted.reserve(m);
+    }
+
+    template <typename Sample>
+    std::pair<const short*, std::size_t> Convert(const Sample* samples, std::size_t n)
+    {
+        if constexpr (std::is_same<Sample, short>::value) {
+            if (input.Passthrough())
+                return {samples, n};
+        }
+        input.Convert(samples, n, converted);
+        return {converted.data(), converted.size()};
+    }
 
     // Records what a call did and returns the gain to hand back: the proposal
     // when it differs from the gain given (in float, as the gain control keeps
@@ -194,6 +277,148 @@ struct oku_agc {
 
 static std::uint64_t& RepeatMark(oku_agc* a) { return a->repeatMark; }
 
+namespace {
+
+// Creates a handle; statuses as the create functions list them.
+template <typename Handle, typename Make>
+int Create(int service, const char* params, int channels, Handle** out, Make make)
+{
+    if (!out)
+        return Null("out");
+    if (channels < 1 || channels > OKU_MAX_CHANNELS)
+        return Fail(OKU_ERR_ARGUMENT, "channels must lie in 1 to " + std::to_string(OKU_MAX_CHANNELS));
+    const int status = Guard([&] {
+        *out = make();
+        return OKU_OK;
+    });
+    return oku::status::NameParams(status, service, params);
+}
+
+// The checks of a single process call.
+template <typename Sample, typename Handle>
+int CheckProcess(const char* name, Handle* h, const Sample* samples, std::size_t n)
+{
+    if (!h)
+        return Null(name);
+    if (CheckCount<Sample>(n) != OKU_OK)
+        return OKU_ERR_ARGUMENT;
+    if (CheckFrames(n, h->input.Channels(), "the sample count") != OKU_OK)
+        return OKU_ERR_ARGUMENT;
+    if (!samples && n > 0)
+        return Null("samples");
+    return OKU_OK;
+}
+
+template <typename Sample>
+int VadProcess(oku_vad* vad, const Sample* samples, std::size_t n)
+{
+    const int status = CheckProcess("vad", vad, samples, n);
+    if (status != OKU_OK)
+        return status;
+    return Guard([&] {
+        vad->Reserve(n);  // std::bad_alloc before anything changes
+        const auto chunk = vad->Convert(samples, n);
+        vad->analyzer.Process(chunk.first, chunk.second);
+        return OKU_OK;
+    });
+}
+
+template <typename Sample>
+int VadProcessMany(oku_vad* const* vads, const Sample* const* samples, const size_t* counts, size_t n)
+{
+    return Guard([&]() -> int {
+        const int status = CheckMany("vads", vads, samples, counts, n);
+        if (status != OKU_OK || n == 0)
+            return status;
+        // Room for every chunk first (std::bad_alloc before any handle
+        // changes), then batches of analyzers on the stack.
+        for (std::size_t i = 0; i < n; ++i)
+            vads[i]->Reserve(counts[i]);
+        oku::AudioAnalyzer* analyzers[oku::kManyBatch];
+        const short* chunks[oku::kManyBatch];
+        std::size_t sizes[oku::kManyBatch];
+        for (std::size_t first = 0; first < n; first += oku::kManyBatch) {
+            const std::size_t m = std::min(oku::kManyBatch, n - first);
+            for (std::size_t i = 0; i < m; ++i) {
+                oku_vad* vad = vads[first + i];
+                analyzers[i] = &vad->analyzer;
+                const auto chunk = vad->Convert(samples[first + i], counts[first + i]);
+                chunks[i] = chunk.first;
+                sizes[i] = chunk.second;
+            }
+            oku::AudioAnalyzer::ProcessMany(analyzers, chunks, sizes, m);
+        }
+        return OKU_OK;
+    });
+}
+
+template <typename Sample>
+int AgcProcess(oku_agc* agc, const Sample* samples, std::size_t n, double gain, double* new_gain)
+{
+    if (!agc)
+        return Null("agc");
+    if (!new_gain)
+        return Null("new_gain");
+    const int status = CheckProcess("agc", agc, samples, n);
+    if (status != OKU_OK)
+        return status;
+    if (!(gain >= 0.0 && gain <= 1.0))
+        return Fail(OKU_ERR_ARGUMENT, "gain must lie in [0, 1]");
+    return Guard([&] {
+        agc->Reserve(n);
+        const auto chunk = agc->Convert(samples, n);
+        const long long updatesBefore = agc->agc.GetNumUpdates();
+        const float result = agc->agc.ComputeGain(chunk.first, chunk.second, static_cast<float>(gain));
+        *new_gain = agc->Finish(updatesBefore, gain, result);
+        return OKU_OK;
+    });
+}
+
+template <typename Sample>
+int AgcProcessMany(oku_agc* const* agcs, const Sample* const* samples, const size_t* counts, const double* gains,
+                   double* new_gains, size_t n)
+{
+    return Guard([&]() -> int {
+        const int status = CheckMany("agcs", agcs, samples, counts, n);
+        if (status != OKU_OK || n == 0)
+            return status;
+        if (!gains)
+            return Null("gains");
+        if (!new_gains)
+            return Null("new_gains");
+        for (std::size_t i = 0; i < n; ++i)
+            if (!(gains[i] >= 0.0 && gains[i] <= 1.0))
+                return Fail(OKU_ERR_ARGUMENT, "gains[" + std::to_string(i) + "] must lie in [0, 1]");
+        // Room for every chunk first (std::bad_alloc before any handle
+        // changes), then batches of gain controls on the stack.
+        for (std::size_t i = 0; i < n; ++i)
+            agcs[i]->Reserve(counts[i]);
+        oku::AGC* controls[oku::kManyBatch];
+        const short* chunks[oku::kManyBatch];
+        std::size_t sizes[oku::kManyBatch];
+        float in[oku::kManyBatch], out[oku::kManyBatch];
+        long long updatesBefore[oku::kManyBatch];
+        for (std::size_t first = 0; first < n; first += oku::kManyBatch) {
+            const std::size_t m = std::min(oku::kManyBatch, n - first);
+            for (std::size_t i = 0; i < m; ++i) {
+                oku_agc* agc = agcs[first + i];
+                controls[i] = &agc->agc;
+                const auto chunk = agc->Convert(samples[first + i], counts[first + i]);
+                chunks[i] = chunk.first;
+                sizes[i] = chunk.second;
+                in[i] = static_cast<float>(gains[first + i]);
+                updatesBefore[i] = controls[i]->GetNumUpdates();
+            }
+            oku::AGC::ComputeGainMany(controls, chunks, sizes, in, out, m);
+            for (std::size_t i = 0; i < m; ++i)
+                new_gains[first + i] = agcs[first + i]->Finish(updatesBefore[i], gains[first + i], out[i]);
+        }
+        return OKU_OK;
+    });
+}
+
+}  // namespace
+
 extern "C" {
 
 OKU_API int oku_vad_create(double rate, const char* params, oku_vad** out)
@@ -203,62 +428,60 @@ OKU_API int oku_vad_create(double rate, const char* params, oku_vad** out)
 
 OKU_API int oku_vad_create_ex(double rate, const char* params, unsigned flags, oku_vad** out)
 {
-    if (!out)
-        return Null("out");
-    if (flags & ~OKU_VAD_AUDIO_FRAMES)
+    if (out && (flags & ~OKU_VAD_AUDIO_FRAMES))
         return Fail(OKU_ERR_ARGUMENT, "unknown flags");
-    const int status = Guard([&] {
-        *out = new oku_vad(params, rate, (flags & OKU_VAD_AUDIO_FRAMES) != 0);
-        return OKU_OK;
-    });
-    return oku::status::NameParams(status, OKU_SERVICE_VAD, params);
+    return Create(OKU_SERVICE_VAD, params, 1, out,
+                  [&] { return new oku_vad(params, rate, 1, (flags & OKU_VAD_AUDIO_FRAMES) != 0); });
 }
 
-OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n)
+OKU_API int oku_vad_open(int rate, int channels, const char* params, unsigned flags, oku_vad** out)
 {
-    if (!vad)
-        return Null("vad");
-    if (CheckCount(n) != OKU_OK)
-        return OKU_ERR_ARGUMENT;
-    if (!samples && n > 0)
-        return Null("samples");
-    return Guard([&] {
-        vad->analyzer.Process(samples, n);
-        return OKU_OK;
-    });
+    if (out && (flags & ~OKU_VAD_AUDIO_FRAMES))
+        return Fail(OKU_ERR_ARGUMENT, "unknown flags");
+    return Create(OKU_SERVICE_VAD, params, channels, out,
+                  [&] { return new oku_vad(params, rate, channels, (flags & OKU_VAD_AUDIO_FRAMES) != 0); });
 }
+
+OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n) { return VadProcess(vad, samples, n); }
+
+OKU_API int oku_vad_process_f32(oku_vad* vad, const float* samples, size_t n) { return VadProcess(vad, samples, n); }
 
 OKU_API int oku_vad_process_many(oku_vad* const* vads, const int16_t* const* samples, const size_t* counts,
                                  size_t n)
 {
-    return Guard([&]() -> int {
-        const int status = CheckMany("vads", vads, samples, counts, n);
-        if (status != OKU_OK || n == 0)
-            return status;
-        // Room for every chunk first (std::bad_alloc before any handle
-        // changes), then batches of analyzers on the stack.
-        for (std::size_t i = 0; i < n; ++i)
-            vads[i]->analyzer.ReserveChunk(counts[i]);
-        oku::AudioAnalyzer* analyzers[oku::kManyBatch];
-        for (std::size_t first = 0; first < n; first += oku::kManyBatch) {
-            const std::size_t m = std::min(oku::kManyBatch, n - first);
-            for (std::size_t i = 0; i < m; ++i)
-                analyzers[i] = &vads[first + i]->analyzer;
-            oku::AudioAnalyzer::ProcessMany(analyzers, samples + first, counts + first, m);
-        }
-        return OKU_OK;
-    });
+    return VadProcessMany(vads, samples, counts, n);
 }
 
-OKU_API int oku_vad_next(oku_vad* vad, oku_vad_result* out)
+OKU_API int oku_vad_process_many_f32(oku_vad* const* vads, const float* const* samples, const size_t* counts,
+                                     size_t n)
+{
+    return VadProcessMany(vads, samples, counts, n);
+}
+
+OKU_API int oku_vad_nonfinite(const oku_vad* vad, uint64_t* count)
+{
+    if (!vad)
+        return Null("vad");
+    if (!count)
+        return Null("count");
+    *count = vad->input.NonFinite();
+    return OKU_OK;
+}
+
+OKU_API int oku_vad_next(oku_vad* vad, oku_vad_result* out) { return oku_vad_take(vad, out, nullptr); }
+
+OKU_API int oku_vad_take(oku_vad* vad, oku_vad_result* out, oku_vad_segment* segment)
 {
     if (!vad)
         return Null("vad");
     if (!out)
         return Null("out");
     return Guard([&] {
-        if (Take(*vad, out, 1) == 0)
+        oku_vad_segment s{};
+        if (Take(*vad, out, 1, &s) == 0)
             *out = oku_vad_result{};
+        if (segment)
+            *segment = s;
         return OKU_OK;
     });
 }
@@ -284,6 +507,10 @@ OKU_API int oku_vad_flush(oku_vad* vad)
     if (!vad)
         return Null("vad");
     return Guard([&] {
+        // What the converter holds back is the end of this run.
+        vad->input.Finish(vad->converted);
+        if (!vad->converted.empty())
+            vad->analyzer.Process(vad->converted);
         vad->analyzer.Flush();
         return OKU_OK;
     });
@@ -294,6 +521,7 @@ OKU_API int oku_vad_reset(oku_vad* vad)
     if (!vad)
         return Null("vad");
     return Guard([&] {
+        vad->input.Reset();
         vad->analyzer.Reset();
         return OKU_OK;
     });
@@ -309,69 +537,46 @@ OKU_API int oku_vad_destroy(oku_vad* vad)
 
 OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out)
 {
-    if (!out)
-        return Null("out");
-    const int status = Guard([&] {
-        *out = new oku_agc(params, rate);
-        return OKU_OK;
-    });
-    return oku::status::NameParams(status, OKU_SERVICE_AGC, params);
+    return Create(OKU_SERVICE_AGC, params, 1, out, [&] { return new oku_agc(params, rate, 1); });
+}
+
+OKU_API int oku_agc_open(int rate, int channels, const char* params, unsigned flags, oku_agc** out)
+{
+    if (out && flags != 0)
+        return Fail(OKU_ERR_ARGUMENT, "unknown flags");
+    return Create(OKU_SERVICE_AGC, params, channels, out, [&] { return new oku_agc(params, rate, channels); });
 }
 
 OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, double gain, double* new_gain)
 {
-    if (!agc)
-        return Null("agc");
-    if (!new_gain)
-        return Null("new_gain");
-    if (CheckCount(n) != OKU_OK)
-        return OKU_ERR_ARGUMENT;
-    if (!samples && n > 0)
-        return Null("samples");
-    if (!(gain >= 0.0 && gain <= 1.0))
-        return Fail(OKU_ERR_ARGUMENT, "gain must lie in [0, 1]");
-    return Guard([&] {
-        const long long updatesBefore = agc->agc.GetNumUpdates();
-        const float result = agc->agc.ComputeGain(samples, n, static_cast<float>(gain));
-        *new_gain = agc->Finish(updatesBefore, gain, result);
-        return OKU_OK;
-    });
+    return AgcProcess(agc, samples, n, gain, new_gain);
+}
+
+OKU_API int oku_agc_process_f32(oku_agc* agc, const float* samples, size_t n, double gain, double* new_gain)
+{
+    return AgcProcess(agc, samples, n, gain, new_gain);
 }
 
 OKU_API int oku_agc_process_many(oku_agc* const* agcs, const int16_t* const* samples, const size_t* counts,
                                  const double* gains, double* new_gains, size_t n)
 {
-    return Guard([&]() -> int {
-        const int status = CheckMany("agcs", agcs, samples, counts, n);
-        if (status != OKU_OK || n == 0)
-            return status;
-        if (!gains)
-            return Null("gains");
-        if (!new_gains)
-            return Null("new_gains");
-        for (std::size_t i = 0; i < n; ++i)
-            if (!(gains[i] >= 0.0 && gains[i] <= 1.0))
-                return Fail(OKU_ERR_ARGUMENT, "gains[" + std::to_string(i) + "] must lie in [0, 1]");
-        // Room for every chunk first (std::bad_alloc before any handle
-        // changes), then batches of gain controls on the stack.
-        for (std::size_t i = 0; i < n; ++i)
-            agcs[i]->agc.ReserveChunk(counts[i]);
-        oku::AGC* controls[oku::kManyBatch];
-        float in[oku::kManyBatch], out[oku::kManyBatch];
-        long long updatesBefore[oku::kManyBatch];
-        for (std::size_t first = 0; first < n; first += oku::kManyBatch) {
-            const std::size_t m = std::min(oku::kManyBatch, n - first);
-            for (std::size_t i = 0; i < m; ++i) {
-                controls[i] = &agcs[first + i]->agc;
-                in[i] = static_cast<float>(gains[first + i]);
-                updatesBefore[i] = controls[i]->GetNumUpdates();
-            }
-            oku::AGC::ComputeGainMany(controls, samples + first, counts + first, in, out, m);
-            for (std::size_t i = 0; i < m; ++i)
-                new_gains[first + i] = agcs[first + i]->Finish(updatesBefore[i], gains[first + i], out[i]);
-        }
-        return OKU_OK;
-    });
+    return AgcProcessMany(agcs, samples, counts, gains, new_gains, n);
+}
+
+OKU_API int oku_agc_process_many_f32(oku_agc* const* agcs, const float* const* samples, const size_t* counts,
+                                     const double* gains, double* new_gains, size_t n)
+{
+    return AgcProcessMany(agcs, samples, counts, gains, new_gains, n);
+}
+
+OKU_API int oku_agc_nonfinite(const oku_agc* agc, uint64_t* count)
+{
+    if (!agc)
+        return Null("agc");
+    if (!count)
+        return Null("count");
+    *count = agc->input.NonFinite();
+    return OKU_OK;
 }
 
 OKU_API int oku_agc_info(const oku_agc* agc, oku_agc_decision* out)

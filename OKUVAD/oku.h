@@ -9,9 +9,15 @@
  * thread-local text of oku_last_error(); the functions of the "facts" section
  * read constant tables and may be called from any thread at any time.
  *
- * Audio is mono, signed 16-bit samples in native byte order at the rate given
- * at creation (see oku_rates). Unlike the OKUVAD_ and OKUAGC_ functions of
- * okuvad.h, nothing is added to the samples given.
+ * Audio comes as the device or file has it: any rate of oku_input_rates(),
+ * one or more interleaved channels, signed 16-bit samples in native byte
+ * order (oku_vad_process) or 32-bit floats of full scale -1 to 1
+ * (oku_vad_process_f32). The library mixes the channels to mono and converts
+ * the rate to one of the four analysis rates (oku_analysis_rate) by one rule
+ * for every host; results count in the host's own input frames. At an
+ * analysis rate, mono 16-bit samples reach the services untouched. The rules
+ * (mixing, rounding, resampling, delay): docs/c-api.md, "Input". Unlike the
+ * OKUVAD_ and OKUAGC_ functions of okuvad.h, nothing is added to the samples.
  *
  * Every function that returns an int returns an oku_status: 0 on success,
  * negative on failure. Each function lists the statuses it returns; any
@@ -28,7 +34,8 @@
  *   oku_vad_process, oku_vad_process_many, oku_vad_next, oku_vad_results,
  *   oku_agc_process, oku_agc_process_many, oku_agc_info
  * on these conditions:
- *   - chunks of at most 8192 samples (370 ms at 22050 Hz, a second at 8000 Hz);
+ *   - chunks that give at most 8192 samples at the analysis rate (370 ms at
+ *     22050 Hz, 512 ms at 16000 Hz, a second at 8000 Hz, at any input rate);
  *     a longer chunk grows the handle's buffer once, to its length (up to
  *     65536 samples, beyond which the memory is given back after the call);
  *   - results taken after each call (oku_vad_next until OKU_VAD_NONE, or
@@ -108,6 +115,29 @@ OKU_API int oku_rate_supported(double rate);
  * not a positive finite number.
  */
 OKU_API int oku_nearest_rate(double rate);
+
+/*
+ * Every input rate the services take, ascending: 8000, 11025, 12000, 16000,
+ * 22050, 24000, 32000, 44100, 48000, 64000, 88200, 96000, 176400, 192000.
+ * Audio at any of them is converted inside the library to its analysis rate
+ * (oku_analysis_rate), one of oku_rates(); see oku_vad_open.
+ * - count [o] : receives the number of rates (14); may be NULL
+ * returns : the rates (a constant array owned by the library); never null
+ */
+OKU_API const int* oku_input_rates(size_t* count);
+
+/*
+ * The rate at which the services analyse input of `rate` Hz, by one rule:
+ * the four analysis rates stay as they are; 44100, 88200 and 176400 (the
+ * 11025 Hz family) go to 22050; 12000 goes to 8000; every other input rate
+ * goes to 16000 (48000 by 3:1, 32000 by 2:1, 24000 by 2:3, 64000, 96000 and
+ * 192000 by halving first). 0 when rate is not exactly one of oku_input_rates().
+ */
+OKU_API int oku_analysis_rate(double rate);
+
+/* The most interleaved channels a handle takes (oku_vad_open, oku_agc_open). */
+#define OKU_MAX_CHANNELS 64
+OKU_API int oku_max_channels(void);
 
 /*
  * Names of the values of the interface's enumerations: short lower-case
@@ -271,7 +301,9 @@ OKU_API int oku_params_unknown(int service, const char* params, oku_params_fn fn
  * frames under 15 dB of energy do not fill the histogram. Speech starts and
  * ends are dated back within the same bounds. For a host that delays audio
  * until it is decided (a gate) and must say by how much.
- * - rate   [i] : one of oku_rates() (Hz)
+ * At an input rate that is converted, the converter's own delay (under
+ * 1 ms, oku_analysis_rate) is added.
+ * - rate   [i] : one of oku_input_rates() (Hz)
  * - params [i] : parameter string, or NULL/"" for the defaults
  * - ms     [o] : the delay in milliseconds
  * returns : OKU_OK; OKU_ERR_NULL (ms); OKU_ERR_RATE; OKU_ERR_PARAMS; OKU_ERR_MEMORY
@@ -281,7 +313,8 @@ OKU_API int oku_vad_delay(double rate, const char* params, double* ms);
 /*
  * The size in bytes of a structure of this interface, for bindings that
  * mirror them and want to check they match the library they loaded:
- * "oku_vad_result", "oku_agc_decision" or "oku_setting". 0 for another name.
+ * "oku_vad_result", "oku_agc_decision", "oku_setting" or "oku_vad_segment".
+ * 0 for another name.
  */
 OKU_API size_t oku_struct_size(const char* name);
 
@@ -313,7 +346,8 @@ typedef struct oku_vad_result {
     int32_t speech;     /* 1 inside speech: VOLUME the analyzer's state, FRAME the frame's flag; else 0 */
     double time_ms;     /* ms from the start of the run (creation, reset or flush): START/END the event,
                            VOLUME the end of the audio measured, FRAME the frame's start */
-    int64_t position;   /* the same instant in samples from the start of the run */
+    int64_t position;   /* the same instant in input frames (samples of one channel at the
+                           handle's input rate) from the start of the run */
     /* OKU_VAD_VOLUME */
     int32_t assessment; /* an oku_vad_assessment */
     int32_t reserved;
@@ -324,7 +358,9 @@ typedef struct oku_vad_result {
     /* OKU_VAD_FRAME */
     int32_t frame_index;     /* number of the frame in the run, from 0 */
     int32_t sample_count;    /* samples in the frame (the last frame of a flush may be short) */
-    const int16_t* samples;  /* the frame as it arrived; valid until the next process or flush call */
+    const int16_t* samples;  /* the frame as the analyzer took it (mono, 16-bit, at the analysis
+                                rate: the input itself at an analysis rate in one channel of
+                                16-bit samples); valid until the next process or flush call */
 } oku_vad_result;
 
 /*
@@ -351,7 +387,7 @@ typedef struct oku_vad_result {
  * Creates an analyzer, with all the memory it needs to run reserved: about
  * 45 KB, and with OKU_VAD_AUDIO_FRAMES also 456 frames of 20 ms (the frame
  * ring and the result queue): 190 KB at 8000 Hz, 450 KB at 22050 Hz in all.
- * - rate   [i] : one of oku_rates() (Hz), given exactly
+ * - rate   [i] : one of oku_input_rates() (Hz), given exactly: mono audio
  * - params [i] : parameter string ("Key=Value;..."; keys in oku_settings), or NULL/"" for the defaults
  * - out    [o] : the new handle, to be released with oku_vad_destroy
  * returns : OKU_OK; OKU_ERR_NULL (out); OKU_ERR_RATE; OKU_ERR_PARAMS; OKU_ERR_MEMORY
@@ -367,13 +403,47 @@ OKU_API int oku_vad_create(double rate, const char* params, oku_vad** out);
 OKU_API int oku_vad_create_ex(double rate, const char* params, unsigned flags, oku_vad** out);
 
 /*
- * Analyses n samples (any number, 0 included; samples may be NULL when n is 0)
- * and queues the results they complete. Real-time safe (see the top of this file).
+ * Creates an analyzer for audio as a device or file delivers it.
+ * - rate     [i] : one of oku_input_rates() (Hz); analysed at oku_analysis_rate(rate)
+ * - channels [i] : interleaved channels, 1 to OKU_MAX_CHANNELS (mixed to mono)
+ * - params   [i] : parameter string, or NULL/"" for the defaults
+ * - flags    [i] : 0 or OKU_VAD_AUDIO_FRAMES (frames of the analysed audio:
+ *                  mono, 16-bit, at the analysis rate)
+ * - out      [o] : the new handle, to be released with oku_vad_destroy
+ * returns : OKU_OK; OKU_ERR_NULL (out); OKU_ERR_ARGUMENT (channels, an
+ *           unknown flag); OKU_ERR_RATE (oku_last_error() lists the rates);
+ *           OKU_ERR_PARAMS; OKU_ERR_MEMORY
+ * oku_vad_create(rate, params, out) is oku_vad_open(rate, 1, params, 0, out)
+ * for a whole-numbered rate, oku_vad_create_ex the same with flags.
+ */
+OKU_API int oku_vad_open(int rate, int channels, const char* params, unsigned flags, oku_vad** out);
+
+/*
+ * Analyses n samples of 16-bit audio: n / channels frames of interleaved
+ * samples (n any whole number of frames, 0 included; samples may be NULL when
+ * n is 0), and queues the results they complete. Real-time safe (see the top
+ * of this file).
  * returns : OKU_OK; OKU_ERR_NULL (vad, or samples with n above 0);
- *           OKU_ERR_ARGUMENT (n larger than any array can be: above
- *           PTRDIFF_MAX / 2; refused before samples is touched); OKU_ERR_MEMORY
+ *           OKU_ERR_ARGUMENT (n not a whole number of frames; n larger than
+ *           any array can be: above PTRDIFF_MAX / 2; refused before samples
+ *           is touched); OKU_ERR_MEMORY
  */
 OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n);
+
+/*
+ * oku_vad_process for float samples (full scale -1 to 1; beyond it they
+ * saturate; NaN and infinities count as 0 and are counted, see
+ * oku_vad_nonfinite). Real-time safe.
+ * returns : as oku_vad_process (the largest n: PTRDIFF_MAX / 4)
+ */
+OKU_API int oku_vad_process_f32(oku_vad* vad, const float* samples, size_t n);
+
+/*
+ * How many NaN or infinite float samples the handle has met since creation
+ * (each counted as 0). Real-time safe.
+ * returns : OKU_OK; OKU_ERR_NULL (vad, count)
+ */
+OKU_API int oku_vad_nonfinite(const oku_vad* vad, uint64_t* count);
 
 /*
  * oku_vad_process for many analyzers in one call: vads[i] takes the counts[i]
@@ -398,12 +468,33 @@ OKU_API int oku_vad_process(oku_vad* vad, const int16_t* samples, size_t n);
 OKU_API int oku_vad_process_many(oku_vad* const* vads, const int16_t* const* samples, const size_t* counts,
                                  size_t n);
 
+/* oku_vad_process_many for float samples, as oku_vad_process_f32 takes them. */
+OKU_API int oku_vad_process_many_f32(oku_vad* const* vads, const float* const* samples, const size_t* counts,
+                                     size_t n);
+
 /*
  * Takes the oldest queued result into *out; out->type is OKU_VAD_NONE when the
  * queue is empty. Results come out in the order they happened. Real-time safe.
  * returns : OKU_OK; OKU_ERR_NULL (vad, out); OKU_ERR_MEMORY
  */
 OKU_API int oku_vad_next(oku_vad* vad, oku_vad_result* out);
+
+/* A speech segment, from its start to its end (oku_vad_take). */
+typedef struct oku_vad_segment {
+    int64_t start;   /* its first frame: the SPEECH_START result's position */
+    int64_t end;     /* the frame after its last: the SPEECH_END result's position */
+    double start_ms; /* the same instants in ms from the start of the run */
+    double end_ms;
+} oku_vad_segment;
+
+/*
+ * oku_vad_next that pairs starts and ends: when the result taken is a
+ * SPEECH_END, *segment receives the whole segment it closes, its start being
+ * the SPEECH_START taken before it from this handle; for any other result
+ * *segment is zeroed. segment may be NULL. Real-time safe.
+ * returns : OKU_OK; OKU_ERR_NULL (vad, out); OKU_ERR_MEMORY
+ */
+OKU_API int oku_vad_take(oku_vad* vad, oku_vad_result* out, oku_vad_segment* segment);
 
 /*
  * Takes up to `capacity` queued results into out[0..]; *count receives how many.
@@ -461,7 +552,7 @@ typedef void (*oku_agc_log_fn)(void* user, const char* line);
 /*
  * Creates a gain control, with all the memory it needs to run reserved:
  * about 25 KB.
- * - rate   [i] : one of oku_rates() (Hz)
+ * - rate   [i] : one of oku_input_rates() (Hz): mono audio
  * - params [i] : parameter string (keys in oku_settings), or NULL/"" for the defaults
  * - out    [o] : the new handle, to be released with oku_agc_destroy
  * returns : OKU_OK; OKU_ERR_NULL (out); OKU_ERR_RATE; OKU_ERR_PARAMS; OKU_ERR_MEMORY
@@ -469,7 +560,18 @@ typedef void (*oku_agc_log_fn)(void* user, const char* line);
 OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out);
 
 /*
- * Analyses n samples captured at `gain` (0 to 1; 0 asks for a starting gain)
+ * Creates a gain control for audio as a device or file delivers it (as
+ * oku_vad_open: any of oku_input_rates(), 1 to OKU_MAX_CHANNELS interleaved
+ * channels). oku_agc_create(rate, params, out) is oku_agc_open(rate, 1, params, 0, out).
+ * - flags [i] : 0 (none are defined yet)
+ * returns : OKU_OK; OKU_ERR_NULL (out); OKU_ERR_ARGUMENT (channels, flags);
+ *           OKU_ERR_RATE; OKU_ERR_PARAMS; OKU_ERR_MEMORY
+ */
+OKU_API int oku_agc_open(int rate, int channels, const char* params, unsigned flags, oku_agc** out);
+
+/*
+ * Analyses n samples (a whole number of frames of the handle's channels)
+ * captured at `gain` (0 to 1; 0 asks for a starting gain)
  * and writes the gain to apply next to *new_gain. The gain control works in
  * float. When it proposes a change (oku_agc_info's `changed` is 1), *new_gain
  * is the proposed float; otherwise (no update took place, which needs at least
@@ -477,10 +579,17 @@ OKU_API int oku_agc_create(int rate, const char* params, oku_agc** out);
  * itself, bit for bit, so that a host that feeds the result back never drifts.
  * Real-time safe (see the top of this file).
  * returns : OKU_OK; OKU_ERR_NULL (agc, new_gain, or samples with n above 0);
- *           OKU_ERR_ARGUMENT (gain outside 0..1 or NaN; n above PTRDIFF_MAX / 2,
+ *           OKU_ERR_ARGUMENT (gain outside 0..1 or NaN; n not a whole number of
+ *           frames or above PTRDIFF_MAX / 2,
  *           refused before samples is touched); OKU_ERR_MEMORY
  */
 OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, double gain, double* new_gain);
+
+/* oku_agc_process for float samples (as oku_vad_process_f32 takes them). Real-time safe. */
+OKU_API int oku_agc_process_f32(oku_agc* agc, const float* samples, size_t n, double gain, double* new_gain);
+
+/* NaN or infinite float samples met since creation (counted as 0). returns : OKU_OK; OKU_ERR_NULL (agc, count) */
+OKU_API int oku_agc_nonfinite(const oku_agc* agc, uint64_t* count);
 
 /*
  * oku_agc_process for many gain controls in one call: agcs[i] and
@@ -504,6 +613,10 @@ OKU_API int oku_agc_process(oku_agc* agc, const int16_t* samples, size_t n, doub
  */
 OKU_API int oku_agc_process_many(oku_agc* const* agcs, const int16_t* const* samples, const size_t* counts,
                                  const double* gains, double* new_gains, size_t n);
+
+/* oku_agc_process_many for float samples. */
+OKU_API int oku_agc_process_many_f32(oku_agc* const* agcs, const float* const* samples, const size_t* counts,
+                                     const double* gains, double* new_gains, size_t n);
 
 /* The last decision (all zero before the first call). Real-time safe. returns : OKU_OK; OKU_ERR_NULL (agc, out) */
 OKU_API int oku_agc_info(const oku_agc* agc, oku_agc_decision* out);

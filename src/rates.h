@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <stdexcept>
+#include <string>
 
 namespace oku {
 
@@ -12,6 +13,8 @@ namespace oku {
 // caller tell a bad rate from a bad setting without comparing messages.
 struct RateError : std::invalid_argument {
     RateError() : std::invalid_argument("Sampling rate") {}
+    // A message that starts with "Sampling rate" and says more.
+    explicit RateError(const std::string& message) : std::invalid_argument(message) {}
 };
 
 // One supported rate with its filter: (b1 + b2 z^-1 + b1 z^-2) / (1 + a2 z^-1 + a3 z^-2),
