@@ -43,8 +43,7 @@ struct oku_vad {
     {
         // Frames are handed out only when asked for; otherwise they are not made at all.
         analyzer.SetFrameResults(supplyFrames);
-        if (!input.Passthrough())
-            converted.reserve(oku::AudioAnalyzer::kReservedChunk);
+        converted.reserve(oku::AudioAnalyzer::kReservedChunk);  // float input converts even at an analysis rate
     }
 
     // Room, before anything changes, for what n input samples give.
@@ -52,7 +51,7 @@ struct oku_vad {
     {
         const std::size_t m = input.MaxOutput(n);
         analyzer.ReserveChunk(m);
-        if (!input.Passthrough() && converted.capacity() < m)
+        if (converted.capacity() < m)
             converted.reserve(m);
     }
 
@@ -238,15 +237,14 @@ struct oku_agc {
     oku_agc(const char* params, double rate, int channels)
         : input(rate, channels), agc(params ? params : "", input.AnalysisRate())
     {
-        if (!input.Passthrough())
-            converted.reserve(oku::AGC::kReservedChunk);
+        converted.reserve(oku::AGC::kReservedChunk);
     }
 
     void Reserve(std::size_t n)
     {
         const std::size_t m = input.MaxOutput(n);
         agc.ReserveChunk(m);
-        if (!input.Passthrough() && converted.capacity() < m)
+        if (converted.capacity() < m)
             converted.reserve(m);
     }
 

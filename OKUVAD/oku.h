@@ -385,8 +385,9 @@ typedef struct oku_vad_result {
 
 /*
  * Creates an analyzer, with all the memory it needs to run reserved: about
- * 45 KB, and with OKU_VAD_AUDIO_FRAMES also 456 frames of 20 ms (the frame
- * ring and the result queue): 190 KB at 8000 Hz, 450 KB at 22050 Hz in all.
+ * 62 KB (up to 72 KB with a converter), and with OKU_VAD_AUDIO_FRAMES also
+ * 456 frames of 20 ms at the analysis rate (the frame ring and the result
+ * queue): 205 KB at 8000 Hz, 465 KB at 22050 Hz in all.
  * - rate   [i] : one of oku_input_rates() (Hz), given exactly: mono audio
  * - params [i] : parameter string ("Key=Value;..."; keys in oku_settings), or NULL/"" for the defaults
  * - out    [o] : the new handle, to be released with oku_vad_destroy
@@ -551,7 +552,7 @@ typedef void (*oku_agc_log_fn)(void* user, const char* line);
 
 /*
  * Creates a gain control, with all the memory it needs to run reserved:
- * about 25 KB.
+ * 42 to 55 KB.
  * - rate   [i] : one of oku_input_rates() (Hz): mono audio
  * - params [i] : parameter string (keys in oku_settings), or NULL/"" for the defaults
  * - out    [o] : the new handle, to be released with oku_agc_destroy

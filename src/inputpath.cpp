@@ -435,8 +435,6 @@ InputPath::InputPath(double rate, int channels) : _rate(FindInputRate(rate)), _c
     for (const FirDesign* d : _rate->stages)
         if (d)
             _stages.emplace_back(*d);
-    if (Passthrough())
-        return;
     _mono.resize(kSlice);
     std::size_t n = kSlice;
     for (std::size_t s = 0; s + 1 < _stages.size(); ++s) {

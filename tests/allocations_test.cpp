@@ -300,6 +300,70 @@ TEST(Allocations, HandlesAllocateNothingFromTheFirstCall)
     }
 }
 
+// Audio as devices deliver it: converted rates, float samples, several
+// channels, through the single calls and the many-calls, in 20 ms chunks and
+// in chunks of many lengths.
+TEST(Allocations, TheInputPathAllocatesNothingFromTheFirstCall)
+{
+    struct Input {
+        int rate, channels;
+        bool floats;
+    };
+    for (const Input& in : {Input{48000, 2, true}, Input{44100, 1, false}, Input{12000, 2, false},
+                            Input{192000, 1, true}, Input{16000, 1, true}}) {
+        SCOPED_TRACE(testing::Message() << in.rate << " Hz, " << in.channels << " channels");
+        const oku::AudioData mono = Bursts(in.rate, 30);
+        const std::size_t c = static_cast<std::size_t>(in.channels);
+        std::vector<float> floats(mono.size() * c);
+        std::vector<int16_t> shorts(mono.size() * c);
+        for (std::size_t i = 0; i < floats.size(); ++i) {
+            shorts[i] = mono[i / c];
+            floats[i] = mono[i / c] / 32768.0f;
+        }
+        oku_vad* vads[2] = {};
+        oku_agc* agcs[2] = {};
+        for (int k = 0; k < 2; ++k) {
+            ASSERT_EQ(OKU_OK, oku_vad_open(in.rate, in.channels, "", k * OKU_VAD_AUDIO_FRAMES, &vads[k]));
+            ASSERT_EQ(OKU_OK, oku_agc_open(in.rate, in.channels, "", 0, &agcs[k]));
+        }
+        long allocations = 0;
+        int starts = 0;
+        double gains[2] = {0.5, 0.5};
+        const double lengths[] = {20.0, 0.125, 7.0, 300.0, 45.5, 1.0};
+        std::size_t at = 0;
+        for (std::size_t k = 0;; ++k) {
+            const std::size_t n = Samples(in.rate, lengths[k % (k < 500 ? 1 : 6)]) * c;
+            if (at + n > floats.size())
+                break;
+            const long before = g_allocations;
+            if (in.floats) {
+                ASSERT_EQ(OKU_OK, oku_vad_process_f32(vads[0], &floats[at], n));
+                const float* chunks[2] = {&floats[at], &floats[at]};
+                const std::size_t counts[2] = {n, n};
+                ASSERT_EQ(OKU_OK, oku_vad_process_many_f32(vads + 1, chunks, counts, 1));
+                ASSERT_EQ(OKU_OK, oku_agc_process_f32(agcs[0], &floats[at], n, gains[0], &gains[0]));
+                ASSERT_EQ(OKU_OK, oku_agc_process_many_f32(agcs + 1, chunks, counts, gains + 1, gains + 1, 1));
+            } else {
+                ASSERT_EQ(OKU_OK, oku_vad_process(vads[0], &shorts[at], n));
+                const int16_t* chunks[2] = {&shorts[at], &shorts[at]};
+                const std::size_t counts[2] = {n, n};
+                ASSERT_EQ(OKU_OK, oku_vad_process_many(vads + 1, chunks, counts, 1));
+                ASSERT_EQ(OKU_OK, oku_agc_process(agcs[0], &shorts[at], n, gains[0], &gains[0]));
+                ASSERT_EQ(OKU_OK, oku_agc_process_many(agcs + 1, chunks, counts, gains + 1, gains + 1, 1));
+            }
+            starts += Drain(vads[0], true) + Drain(vads[1], false);
+            allocations += g_allocations - before;
+            at += n;
+        }
+        EXPECT_EQ(0, allocations);
+        EXPECT_GE(starts, 16);
+        for (int k = 0; k < 2; ++k) {
+            oku_vad_destroy(vads[k]);
+            oku_agc_destroy(agcs[k]);
+        }
+    }
+}
+
 // The many-calls over every rate at once, with more handles than one batch
 // holds: nothing allocated from the first call, and a handle passed twice,
 // found without any memory of the call's own, is still refused.
@@ -349,19 +413,23 @@ TEST(Allocations, ManyCallsAllocateNothing)
     }
 }
 
-// What a handle holds, against the figures oku.h states.
+// What a handle holds, against the figures oku.h states, at every input rate
+// in two channels.
 TEST(Allocations, HandlesHoldWhatTheHeaderSays)
 {
-    for (double rate : kRates) {
+    std::size_t count = 0;
+    const int* rates = oku_input_rates(&count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const int rate = rates[i];
         SCOPED_TRACE(rate);
         const auto bytes = [&](unsigned flags, bool agc) {
             const long before = g_bytes;
             oku_vad* v = nullptr;
             oku_agc* a = nullptr;
             if (agc) {
-                EXPECT_EQ(OKU_OK, oku_agc_create(static_cast<int>(rate), "", &a));
+                EXPECT_EQ(OKU_OK, oku_agc_open(rate, 2, "", 0, &a));
             } else {
-                EXPECT_EQ(OKU_OK, oku_vad_create_ex(rate, "", flags, &v));
+                EXPECT_EQ(OKU_OK, oku_vad_open(rate, 2, "", flags, &v));
             }
             const long held = g_bytes - before;
             oku_vad_destroy(v);
@@ -369,13 +437,13 @@ TEST(Allocations, HandlesHoldWhatTheHeaderSays)
             EXPECT_GT(held, 1024);  // the counting sees the library's own allocations
             return held;
         };
-        // Without frames: under 48 KiB. With frames, two rings of frames
-        // besides: 456 frames of 20 ms. A gain control: under 32 KiB.
-        const long frameBytes = static_cast<long>(rate) / 50 * 2;
-        EXPECT_LE(bytes(0, false), 48 * 1024);
-        EXPECT_LE(bytes(OKU_VAD_AUDIO_FRAMES, false), 48 * 1024 + 456 * frameBytes);
-        EXPECT_LE(bytes(0, true), 32 * 1024);
-        std::printf("%g Hz: analyzer %ld bytes, with frames %ld, gain control %ld\n", rate, bytes(0, false),
+        // Without frames: under 80 KiB. With frames, two rings of frames
+        // besides: 456 frames of 20 ms at the analysis rate. A gain control: under 56 KiB.
+        const long frameBytes = static_cast<long>(oku_analysis_rate(rate)) / 50 * 2;
+        EXPECT_LE(bytes(0, false), 80 * 1024);
+        EXPECT_LE(bytes(OKU_VAD_AUDIO_FRAMES, false), 80 * 1024 + 456 * frameBytes);
+        EXPECT_LE(bytes(0, true), 56 * 1024);
+        std::printf("%d Hz: analyzer %ld bytes, with frames %ld, gain control %ld\n", rate, bytes(0, false),
                     bytes(OKU_VAD_AUDIO_FRAMES, false), bytes(0, true));
     }
 }
