@@ -484,6 +484,52 @@ OKU_API int oku_vad_take(oku_vad* vad, oku_vad_result* out, oku_vad_segment* seg
     });
 }
 
+OKU_API int oku_vad_split(const oku_vad* vad, const oku_vad_segment* segment, double max_ms, oku_vad_segment* pieces,
+                          size_t capacity, size_t* count)
+{
+    if (!vad)
+        return Null("vad");
+    if (!segment)
+        return Null("segment");
+    if (!count)
+        return Null("count");
+    const double rate = vad->input.Rate();
+    const double longest = std::floor(max_ms * rate / 1000.0);  // whole frames
+    if (!(max_ms > 0.0 && max_ms <= 1e15) || longest < 1.0)
+        return Fail(OKU_ERR_ARGUMENT, "max_ms must be a positive number of at least one frame");
+    if (segment->end < segment->start)
+        return Fail(OKU_ERR_ARGUMENT, "the segment ends before it starts");
+    if (!pieces && capacity > 0)
+        return Null("pieces");
+    const long long length = segment->end - segment->start;
+    const long long n = std::max<long long>(1, (length + static_cast<long long>(longest) - 1) /
+                                                   static_cast<long long>(longest));
+    *count = static_cast<std::size_t>(n);
+    if (!pieces)
+        return OKU_OK;
+    if (capacity < *count)
+        return Fail(OKU_ERR_ARGUMENT, "pieces has room for " + std::to_string(capacity) + " of " +
+                                          std::to_string(n) + " pieces");
+    // Boundaries in whole frames, floor(i L / n) as i q + floor(i r / n) so
+    // that no product leaves 64 bits (n pieces fit an array, so n < 2^32);
+    // each piece keeps the segment's own times at its ends and takes the
+    // others from its frames.
+    const unsigned long long q = static_cast<unsigned long long>(length / n);
+    const unsigned long long r = static_cast<unsigned long long>(length % n);
+    const auto boundary = [&](long long i) {
+        const unsigned long long k = static_cast<unsigned long long>(i);
+        return segment->start + static_cast<long long>(k * q + k * r / static_cast<unsigned long long>(n));
+    };
+    for (long long i = 0; i < n; ++i) {
+        oku_vad_segment& p = pieces[i];
+        p.start = boundary(i);
+        p.end = boundary(i + 1);
+        p.start_ms = i == 0 ? segment->start_ms : static_cast<double>(p.start) * 1000.0 / rate;
+        p.end_ms = i == n - 1 ? segment->end_ms : static_cast<double>(p.end) * 1000.0 / rate;
+    }
+    return OKU_OK;
+}
+
 OKU_API int oku_vad_results(oku_vad* vad, oku_vad_result* out, size_t capacity, size_t* count)
 {
     if (!vad)

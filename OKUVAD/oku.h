@@ -84,6 +84,14 @@ typedef enum oku_status {
 OKU_API const char* oku_status_message(int status);
 
 /*
+ * The short name of a status code, for bindings that map each status to an
+ * error of their own: "ok", "null", "argument", "rate", "params", "memory",
+ * "internal" for 0 down to OKU_ERR_INTERNAL; NULL for any other code (so a
+ * binding can walk the codes from 0 downwards until NULL).
+ */
+OKU_API const char* oku_status_name(int status);
+
+/*
  * The message of the last failed call on the calling thread: "Sampling rate",
  * for a refused parameter string the key and the reason, as oku_params_check
  * gives them ("Invalid format: ...", "EOSTimeoutMs: 'soon' is not a whole
@@ -496,6 +504,28 @@ typedef struct oku_vad_segment {
  * returns : OKU_OK; OKU_ERR_NULL (vad, out); OKU_ERR_MEMORY
  */
 OKU_API int oku_vad_take(oku_vad* vad, oku_vad_result* out, oku_vad_segment* segment);
+
+/*
+ * Cuts a segment longer than max_ms into the fewest pieces of at most max_ms,
+ * of equal length to within one input frame, for hosts that must bound a
+ * segment's length (an offline cutter feeding a speech recogniser). With n
+ * pieces of a segment of L frames, piece i (from 0) spans frames
+ * start + floor(i L / n) to start + floor((i + 1) L / n); times follow from
+ * the frames at the handle's input rate. A segment within max_ms comes back
+ * whole (n = 1).
+ * - vad      [i] : the analyzer the segment came from (for its rate)
+ * - segment  [i] : the segment (oku_vad_take)
+ * - max_ms   [i] : the longest piece, at least one input frame long
+ * - pieces   [o] : receives the pieces, in order; may be NULL to count them
+ * - capacity [i] : room in pieces
+ * - count    [o] : the number of pieces n (also when it exceeds capacity)
+ * returns : OKU_OK; OKU_ERR_NULL (vad, segment, count); OKU_ERR_ARGUMENT
+ *           (max_ms not positive and finite or shorter than a frame, a
+ *           segment that ends before it starts, pieces NULL with capacity
+ *           above 0, or capacity below n: nothing written to pieces)
+ */
+OKU_API int oku_vad_split(const oku_vad* vad, const oku_vad_segment* segment, double max_ms, oku_vad_segment* pieces,
+                          size_t capacity, size_t* count);
 
 /*
  * Takes up to `capacity` queued results into out[0..]; *count receives how many.

@@ -86,6 +86,12 @@ OKU_API const char* oku_status_message(int status)
     }
 }
 
+OKU_API const char* oku_status_name(int status)
+{
+    static const char* const names[] = {"ok", "null", "argument", "rate", "params", "memory", "internal"};
+    return status <= 0 && status >= OKU_ERR_INTERNAL ? names[-status] : nullptr;
+}
+
 OKU_API const char* oku_last_error(void) { return t_lastError.c_str(); }
 
 }  // extern "C"

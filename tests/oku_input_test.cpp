@@ -233,6 +233,11 @@ TEST(OkuInput, RefusalsNameTheCulprit)
         EXPECT_STREQ("channels must lie in 1 to 64", oku_last_error());
     }
     EXPECT_EQ(OKU_MAX_CHANNELS, oku_max_channels());
+    // Each status has a name, and the names end after the last.
+    EXPECT_STREQ("rate", oku_status_name(OKU_ERR_RATE));
+    EXPECT_STREQ("internal", oku_status_name(OKU_ERR_INTERNAL));
+    EXPECT_EQ(nullptr, oku_status_name(OKU_ERR_INTERNAL - 1));
+    EXPECT_EQ(nullptr, oku_status_name(1));
     EXPECT_EQ(OKU_ERR_RATE, oku_vad_open(22000, 1, nullptr, 0, &vad));
     EXPECT_EQ(OKU_ERR_ARGUMENT, oku_agc_open(48000, 1, nullptr, 1, &agc));
     EXPECT_EQ(OKU_ERR_ARGUMENT, oku_vad_open(48000, 1, nullptr, 2, &vad));
@@ -259,6 +264,37 @@ TEST(OkuInput, RefusalsNameTheCulprit)
     EXPECT_EQ(OKU_VAD_NONE, r.type);
     oku_vad_destroy(vad);
     oku_agc_destroy(agc);
+}
+
+TEST(OkuInput, OverLongSegmentsSplitIntoEqualPieces)
+{
+    oku_vad* vad = nullptr;
+    ASSERT_EQ(OKU_OK, oku_vad_open(48000, 2, nullptr, 0, &vad));
+    // 10 s + 1 frame in pieces of at most 4 s: three, of 160000 or 160001 frames.
+    const oku_vad_segment segment{48000, 48000 + 480001, 1000.0, 11000.02};
+    oku_vad_segment pieces[3];
+    std::size_t n = 0;
+    ASSERT_EQ(OKU_OK, oku_vad_split(vad, &segment, 4000.0, nullptr, 0, &n));
+    EXPECT_EQ(3u, n);
+    EXPECT_EQ(OKU_ERR_ARGUMENT, oku_vad_split(vad, &segment, 4000.0, pieces, 2, &n));
+    ASSERT_EQ(OKU_OK, oku_vad_split(vad, &segment, 4000.0, pieces, 3, &n));
+    EXPECT_EQ(48000, pieces[0].start);
+    EXPECT_EQ(1000.0, pieces[0].start_ms);
+    EXPECT_EQ(48000 + 160000, pieces[0].end);
+    EXPECT_EQ(pieces[0].end, pieces[1].start);
+    EXPECT_EQ(48000 + 320000, pieces[1].end);
+    EXPECT_EQ((48000 + 320000) / 48.0, pieces[1].end_ms);
+    EXPECT_EQ(segment.end, pieces[2].end);
+    EXPECT_EQ(segment.end_ms, pieces[2].end_ms);
+    // Within the limit: whole. Exactly the limit: whole.
+    const oku_vad_segment shorter{0, 192000, 0.0, 4000.0};
+    ASSERT_EQ(OKU_OK, oku_vad_split(vad, &shorter, 4000.0, pieces, 3, &n));
+    EXPECT_EQ(1u, n);
+    EXPECT_EQ(192000, pieces[0].end);
+    EXPECT_EQ(OKU_ERR_ARGUMENT, oku_vad_split(vad, &shorter, 0.01, pieces, 3, &n));  // under a frame
+    const oku_vad_segment backwards{10, 5, 0.0, 0.0};
+    EXPECT_EQ(OKU_ERR_ARGUMENT, oku_vad_split(vad, &backwards, 4000.0, pieces, 3, &n));
+    oku_vad_destroy(vad);
 }
 
 TEST(OkuInput, RatesAndDelays)
