@@ -37,8 +37,17 @@ for target in "${targets[@]}"; do
   fi
   cmake --build "build-cross/$target" -j "$jobs" > "build-cross/$target.build.log" 2>&1 ||
     { cat "build-cross/$target.build.log"; exit 1; }
-  (cd "build-cross/$target" && ctest --output-on-failure -j "$jobs" > ../"$target.test.log" 2>&1) ||
+  # Where the kernel cannot run i386 code, qemu-i386 runs the suite; on such
+  # hosts it hangs at a program's first new thread (a plain std::thread
+  # program does too), so the thread tests are left out there.
+  skip=()
+  note=""
+  if [[ $target == linux-i686* ]] && ! /usr/i686-linux-gnu/lib/ld-linux.so.2 --version >/dev/null 2>&1; then
+    skip=(-E Thread)
+    note="; thread tests skipped: no native i386 here, and qemu-i386 cannot start threads"
+  fi
+  (cd "build-cross/$target" && ctest --output-on-failure --timeout 900 -j "$jobs" "${skip[@]}" > ../"$target.test.log" 2>&1) ||
     { cat "build-cross/$target.test.log"; exit 1; }
-  summary+=("$target: $(grep -E 'tests passed' "build-cross/$target.test.log")")
+  summary+=("$target: $(grep -E 'tests passed' "build-cross/$target.test.log")$note")
 done
 printf '%s\n' "${summary[@]}"
