@@ -24,9 +24,11 @@
  *
  * Buffers marked GAP and a muted volume element give the gain control
  * nothing to hear: digital silence would read as a microphone turned far
- * down. Without a volume element the element takes each proposal as
- * applied, starting at max-volume, and only posts the messages. A flushing
- * seek or new caps start a new gain control.
+ * down. A float sample that is NaN or infinite is silence to the gain
+ * control: #GstOkuAgc:nonfinite counts them, and the first posts a warning.
+ * Without a volume element the element takes each proposal as applied,
+ * starting at max-volume, and only posts the messages. A flushing seek or
+ * new caps start a new gain control.
  *
  * ## Example launch lines
  * |[

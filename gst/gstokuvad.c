@@ -34,7 +34,9 @@
  * takes to decide them; the LATENCY query says by how much.
  *
  * A buffer marked GAP, and a GAP event with a duration, is silence to the
- * analyzer, so that positions keep counting the stream's frames. A run of
+ * analyzer, so that positions keep counting the stream's frames. So is a
+ * float sample that is NaN or infinite: #GstOkuVad:nonfinite counts them,
+ * and the first posts a warning. A run of
  * the analyzer lasts from the first buffer after start, a flushing seek, EOS
  * or new caps to the next of these: EOS and new caps close open speech, a
  * flush drops it. Settings and mode changed while streaming apply from the
@@ -46,7 +48,8 @@
  * gst-launch-1.0 -m pulsesrc ! audio/x-raw,format=F32LE,rate=48000,channels=2 ! okuvad ! fakesink
  * gst-launch-1.0 pulsesrc ! okuvad mode=gate ! wavenc ! filesink location=speech.wav
  * ]|
- * The first prints every message; the last keeps only the speech.
+ * With -m, gst-launch-1.0 prints the messages; the last line keeps only the
+ * speech, in a WAV file.
  */
 #include "gstoku.h"
 

@@ -16,7 +16,7 @@ try:
     gi.require_version("GstAudio", "1.0")
     from gi.repository import Gst, GstAudio  # noqa: F401  (for the tests)
 except (ImportError, ValueError) as e:
-    print("skipped: no GStreamer for Python here (python3-gi, gir1.2-gstreamer-1.0, gir1.2-gst-plugins-base-1.0): %s" % e)
+    print("skipped: no GStreamer for Python (python3-gi, gir1.2-gstreamer-1.0, gir1.2-gst-plugins-base-1.0): %s" % e)
     sys.exit(SKIP)
 Gst.init(None)
 if Gst.ElementFactory.find("okuvad") is None:
@@ -33,13 +33,10 @@ Result = struct(("type", c_int32), ("speech", c_int32), ("time_ms", c_double), (
                 ("assessment", c_int32), ("reserved", c_int32), ("peak", c_double), ("level_dbfs", c_double),
                 ("snr_pct", c_double), ("frame_index", c_int32), ("sample_count", c_int32), ("samples", c_void_p))
 Segment = struct(("start", c_int64), ("end", c_int64), ("start_ms", c_double), ("end_ms", c_double))
-Setting = struct(("key", c_char_p), ("name", c_char_p), ("unit", c_char_p), ("meaning", c_char_p), ("type", c_int32),
-                 ("reserved", c_int32), ("default_value", c_double))
 Decision = struct(("control", c_int32), ("updated", c_int32), ("time_ms", c_double), ("pause_db", c_float),
                   ("speech_db", c_float), ("changed", c_int32), ("reserved", c_int32))
 lib = ctypes.CDLL(os.environ["OKU_LIBRARY"])
-lib.oku_input_rates.restype, lib.oku_settings.restype = POINTER(c_int), POINTER(Setting)
-lib.oku_agc_control_name.restype = c_char_p
+lib.oku_input_rates.restype, lib.oku_agc_control_name.restype = POINTER(c_int), c_char_p
 for fn in (lib.oku_vad_process, lib.oku_vad_process_f32):
     fn.argtypes = [c_void_p, c_char_p, c_size_t]
 for fn in (lib.oku_agc_process, lib.oku_agc_process_f32):
@@ -55,7 +52,7 @@ def table(fn, *args):
 class PipelineError(AssertionError):
     def __init__(self, element, error, debug):
         super().__init__("%s: %s (%s)" % (element, error.message, debug))
-        self.error = error
+        self.error = error  # the GError, for its domain and code
 
 
 def run(pipeline, timeout=300):
@@ -76,8 +73,8 @@ def run(pipeline, timeout=300):
                 messages.append({"name": "warning", "message": m.parse_warning()[0].message})
             elif m:
                 s = m.get_structure()
-                messages.append(dict(((s.nth_field_name(i), s.get_value(s.nth_field_name(i))) for i in range(s.n_fields())),
-                                     name=s.get_name()))
+                names = [s.nth_field_name(i) for i in range(s.n_fields())]
+                messages.append(dict(((n, s.get_value(n)) for n in names), name=s.get_name()))
     finally:
         pipeline.set_state(Gst.State.NULL)
 
@@ -115,7 +112,8 @@ def audio(samples, channels=1, f32=False):
     """16-bit mono samples as interleaved bytes (the machine's order), channel k at 1 / (k + 1) of the level."""
     out = array.array("f" if f32 else "h", bytes((4 if f32 else 2) * channels * len(samples)))
     for k in range(channels):
-        out[k::channels] = array.array(out.typecode, (x / (k + 1) / 32768 if f32 else int(x / (k + 1)) for x in samples))
+        out[k::channels] = array.array(out.typecode, (x / (k + 1) / 32768 if f32 else int(x / (k + 1))
+                                                      for x in samples))
     return out.tobytes()
 
 
@@ -127,7 +125,8 @@ def feed(src, data, rate, width, chunk=1000, start=0, jumps=None, gap=(), eos=Tr
     for i in range(0, n, chunk):
         buf = Gst.Buffer.new_wrapped(data[i * width:min(n, i + chunk) * width])
         shift += jumps.get(i, 0)
-        buf.set_flags(Gst.BufferFlags((Gst.BufferFlags.DISCONT if i in jumps else 0) | (Gst.BufferFlags.GAP if i in gap else 0)))
+        buf.set_flags(Gst.BufferFlags((Gst.BufferFlags.DISCONT if i in jumps else 0) |
+                                      (Gst.BufferFlags.GAP if i in gap else 0)))
         buf.pts, buf.duration = start + shift + ns(i, rate), ns(min(n, i + chunk), rate) - ns(i, rate)
         src.emit("push-buffer", buf)
     if eos:

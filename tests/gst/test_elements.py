@@ -22,6 +22,11 @@ def handoffs(sink, take):
     return out
 
 
+def level_meta(buf):
+    meta = GstAudio.buffer_get_audio_level_meta(buf)
+    return meta.level, meta.voice_activity
+
+
 def rfc6464(data, f32):
     """A packet's level by RFC 6464: -dBov of its mean power (0 dBov: full scale), 0..127; NaN counts as 0."""
     values = [x if f32 else x / 32768 for x in memoryview(data).cast("f" if f32 else "h")]
@@ -30,15 +35,10 @@ def rfc6464(data, f32):
 
 
 class Plugin(unittest.TestCase):
-    def test_caps_and_properties_follow_the_library(self):
-        for name, service in (("okuvad", 0), ("okuagc", 1)):
+    def test_caps_follow_the_library(self):
+        for name in ("okuvad", "okuagc"):
             self.assertEqual(0, subprocess.run(["gst-inspect-1.0", name], capture_output=True, timeout=120).returncode)
-            element = Gst.ElementFactory.make(name)
-            for s in table(lib.oku_settings, service):
-                param = element.find_property(s.name.decode())
-                self.assertEqual(("gint" if s.type == 0 else "gdouble", s.default_value),
-                                 (param.value_type.name, param.default_value), s.name)
-            template = element.get_pad_template("sink").get_caps().to_string()
+            template = Gst.ElementFactory.make(name).get_pad_template("sink").get_caps().to_string()
             self.assertIn("format=(string){ S16LE, F32LE }", template)
             self.assertIn("channels=(int)[ 1, %d ]" % lib.oku_max_channels(), template)
             rates = re.search(r"rate=\(int\)\{ ([0-9, ]+) \}", template).group(1)
@@ -49,15 +49,16 @@ class Plugin(unittest.TestCase):
         try:
             if not build:
                 self.skipTest("OKU_BUILD_DIR not set")
-            subprocess.run(["cmake", "--install", build, "--prefix", work], check=True, capture_output=True, timeout=300)
+            subprocess.run(["cmake", "--install", build, "--prefix", work], check=True, capture_output=True,
+                           timeout=300)
             plugins = [os.path.join(work, d, "gstreamer-1.0") for d in os.listdir(work)]
             env = dict(os.environ, GST_PLUGIN_PATH=[p for p in plugins if os.path.isdir(p)][0], LD_LIBRARY_PATH="",
                        GST_REGISTRY_1_0=os.path.join(work, "registry.bin"))
             prefix = re.search(r"CMAKE_INSTALL_PREFIX:PATH=(.*)", open(os.path.join(build, "CMakeCache.txt")).read())
             for name in ("okuvad", "okuagc"):
-                out = subprocess.run(["gst-inspect-1.0", name], capture_output=True, env=env, timeout=120).stdout.decode()
-                self.assertIn(work, out)
-                manual = re.search(r"Doc-uri\s+file://(\S+)", out).group(1)
+                out = subprocess.run(["gst-inspect-1.0", name], capture_output=True, env=env, timeout=120).stdout
+                self.assertIn(work, out.decode())
+                manual = re.search(r"Doc-uri\s+file://(\S+)", out.decode()).group(1)
                 self.assertTrue(os.path.isfile(work + manual[len(prefix.group(1)):]), manual)
         finally:
             shutil.rmtree(work)
@@ -65,47 +66,60 @@ class Plugin(unittest.TestCase):
 
 class Vad(unittest.TestCase):
     def test_every_format_gives_the_librarys_answer(self):
-        # (rate, channels, float); 16 kHz mono 16-bit reaches the analyzer untouched, so the timing rules hold too
+        # (rate, channels, float); 16 kHz mono 16-bit reaches the analyzer untouched: the timing rules hold too
         for rate, channels, f32 in ((16000, 1, False), (44100, 2, False), (12000, 3, True), (96000, 1, True)):
-            data, width, chunk = audio(signal(rate, BURSTS, 6.0), channels, f32), (4 if f32 else 2) * channels, rate // 50
-            bad = 7 if f32 else 0  # float samples that are not numbers: silence, counted
-            data = array.array("f", ([math.nan, math.inf, -math.inf] * 3)[:bad]).tobytes() + data[4 * bad:]
+            width, chunk, bad = (4 if f32 else 2) * channels, rate // 50, 7 if f32 else 0
+            # the float audio begins with samples that are not numbers: silence to the analyzer, and counted
+            data = array.array("f", ([math.nan, math.inf, -math.inf] * 3)[:bad]).tobytes() + \
+                audio(signal(rate, BURSTS, 6.0), channels, f32)[4 * bad:]
+            # at 16 kHz, 2 s to 3 s come as GAP buffers (their samples, the end of the first burst and the
+            # pause, left in them): silence to the analyzer, so the first segment ends early
+            gap = range(2 * rate, 3 * rate, chunk) if rate == 16000 else ()
+            heard = data[:2 * rate * width] + bytes(rate * width) + data[3 * rate * width:] if gap else data
             p, src = appsrc("okuvad name=vad interval=100000000 ! fakesink name=sink", rate, channels, f32)
-            levels = handoffs(p.get_by_name("sink"), lambda b: (b.extract_dup(0, b.get_size()),) + (
-                lambda m: (m.level, m.voice_activity))(GstAudio.buffer_get_audio_level_meta(b)))
-            feed(src, data, rate, width, chunk=chunk, start=Gst.SECOND)
+            levels = handoffs(p.get_by_name("sink"), level_meta)
+            feed(src, data, rate, width, chunk=chunk, start=Gst.SECOND, gap=gap)
             messages = run(p)
-            got, times = activity(messages)
-            events, _, inside = analyse(data, rate, channels, f32, chunk=chunk)
-            self.assertEqual((events, dated(events, lambda pos: Gst.SECOND + ns(pos, rate))), (got, times), rate)
-            self.assertEqual((bad, bool(bad)), (p.get_by_name("vad").get_property("nonfinite"), bool(named(messages, "warning"))))
+            events, _, inside = analyse(heard, rate, channels, f32, chunk=chunk)
+            self.assertEqual((events, dated(events, lambda pos: Gst.SECOND + ns(pos, rate))), activity(messages))
+            self.assertEqual((bad, bool(bad)), (p.get_by_name("vad").get_property("nonfinite"),
+                                                bool(named(messages, "warning"))))
             # a reading per 20 ms buffer, posted when 100 ms of input frames have passed
             readings = [m["position"] for m in named(messages, "oku-volume")]
             self.assertEqual({rate // 10}, {b - a for a, b in zip(readings, readings[1:])}, rate)
             # every buffer's level meta: its RFC 6464 level, and the analyzer's state once it has heard it
-            self.assertEqual([(rfc6464(d, f32), v) for (d, _, _), v in zip(levels, inside)], [m[1:] for m in levels])
-            if rate == 16000:  # dated 140 ms before each burst, ended 280 ms after it
-                self.assertEqual([round(t * rate) for seg in EXPECTED for t in seg], [pos for pos, _, _ in got])
+            self.assertEqual([(rfc6464(heard[i:i + chunk * width], f32), v)
+                              for i, v in zip(range(0, len(data), chunk * width), inside)], levels)
+            if rate == 16000:  # dated 140 ms before each burst, ended 280 ms after it; the gap ends the first
+                self.assertEqual([860, 2280, 3360, 4980], [e[0] * 1000 // rate for e in events])
+            else:
+                self.assertEqual([round(t * rate) for seg in EXPECTED for t in seg], [e[0] for e in events])
 
     def test_gate_passes_exactly_the_speech_frames(self):
         # The second burst runs to the end, past the last whole frame (at 24 kHz by half an analysed
         # sample); the buffers start at 10 s, jump by 1 s at 2 s, inside the first segment, and 4 s to
-        # 4.5 s come as GAP buffers (silence to the analyzer, left as they are in the buffers).
+        # 4.5 s come as GAP buffers (silence to the analyzer, left as they are in the buffers), at 24 kHz
+        # turned into GAP events on the way.
         for rate, channels, f32 in ((16000, 1, False), (24000, 2, True)):
-            width, start, jump_at, gap = (4 if f32 else 2) * channels, 10 * Gst.SECOND, 2 * rate, range(4 * rate, 9 * rate // 2)
+            width, start, jump, gap = (4 if f32 else 2) * channels, 10 * Gst.SECOND, 2 * rate, (4 * rate, 9 * rate // 2)
             data = audio(signal(rate, [(1.0, 2.5), (3.5, 6.0101)], 6.0101), channels, f32)
-            silenced = data[:gap.start * width] + bytes(len(gap) * width) + data[gap.stop * width:]
+            silenced = data[:gap[0] * width] + bytes((gap[1] - gap[0]) * width) + data[gap[1] * width:]
             p, src = appsrc("okuvad name=vad mode=gate ! fakesink name=sink sync=false", rate, channels, f32, live=True)
             received = [0]  # frames of the input buffers the element has taken
             p.get_by_name("vad").get_static_pad("sink").add_probe(Gst.PadProbeType.BUFFER, lambda _p, info: (
                 received.append(received[-1] + info.get_buffer().get_size() // width) or Gst.PadProbeReturn.OK))
-            out = handoffs(p.get_by_name("sink"), lambda b: (b.pts, b.offset, bool(b.get_flags() & Gst.BufferFlags.DISCONT),
-                                                             b.extract_dup(0, b.get_size()), received[-2]))
+            src.get_static_pad("src").add_probe(Gst.PadProbeType.BUFFER, lambda pad, info: (
+                Gst.PadProbeReturn.OK if rate == 16000 or not info.get_buffer().get_flags() & Gst.BufferFlags.GAP
+                else pad.push_event(Gst.Event.new_gap(info.get_buffer().pts, info.get_buffer().duration)) and
+                Gst.PadProbeReturn.DROP))
+            out = handoffs(p.get_by_name("sink"), lambda b: (
+                b.pts, b.offset, bool(b.get_flags() & Gst.BufferFlags.DISCONT), b.extract_dup(0, b.get_size()),
+                received[-2]))
             p.set_state(Gst.State.PLAYING)
             query = Gst.Query.new_latency()
             self.assertTrue(p.get_by_name("vad").get_static_pad("src").query(query))
-            feed(src, data, rate, width, start=start, jumps={jump_at: Gst.SECOND}, gap=range(gap.start, gap.stop, 1000))
-            got, times = activity(run(p))
+            feed(src, data, rate, width, start=start, jumps={jump: Gst.SECOND}, gap=range(gap[0], gap[1], 1000))
+            got = activity(run(p))
 
             events, frames, _ = analyse(silenced, rate, channels, f32, frames=True)
             ends = [pos for pos, _ in frames[1:]] + [len(data) // width]  # a frame lasts until the next one
@@ -113,35 +127,17 @@ class Vad(unittest.TestCase):
                       for i, ((pos, inside), end) in enumerate(zip(frames, ends)) if inside]
 
             def time_of(pos):
-                return start + ns(pos, rate) + (Gst.SECOND if pos >= jump_at else 0)
+                return start + ns(pos, rate) + (Gst.SECOND if pos >= jump else 0)
             # DISCONT where the output does not continue: after dropped frames and at the jump
-            self.assertEqual([(time_of(pos), pos, after_gap or pos == jump_at) for pos, _, after_gap in speech],
+            self.assertEqual([(time_of(pos), pos, after_gap or pos == jump) for pos, _, after_gap in speech],
                              [o[:3] for o in out])
-            self.assertEqual(b"".join(silenced[pos * width:end * width] for pos, end, _ in speech), b"".join(o[3] for o in out))
-            self.assertEqual((events, dated(events, time_of)), (got, times))
-            self.assertEqual((len(data) // width, False), got[-1][:2])  # the open segment closed at EOS
-            # the LATENCY query (live) covers how long any frame pushed was held
-            self.assertEqual((True, True), (query.parse_latency()[0], max(ns(o[4] - o[1], rate) for o in out) <=
-                                            query.parse_latency()[1]))
-
-    def test_gap_buffers_and_events_are_silence_on_the_frame_clock(self):
-        # 2 s to 3 s come as GAP buffers (their samples, the end of the first burst and the pause, left in
-        # them), then as GAP events: the analyzer hears zeros, so the first segment ends early
-        gap, data = range(2 * 16000, 3 * 16000), audio(signal(16000, BURSTS, 6.0))
-        silenced = data[:2 * gap.start] + bytes(2 * len(gap)) + data[2 * gap.stop:]
-        self.assertNotEqual(analyse(data, 16000)[0], analyse(silenced, 16000)[0])
-        for as_events in (False, True):
-            p, src = appsrc("okuvad ! fakesink name=sink", 16000)
-            levels = handoffs(p.get_by_name("sink"), lambda b: GstAudio.buffer_get_audio_level_meta(b).level)
-            if as_events:
-                src.get_static_pad("src").add_probe(Gst.PadProbeType.BUFFER, lambda pad, info: (
-                    Gst.PadProbeReturn.OK if not info.get_buffer().get_flags() & Gst.BufferFlags.GAP else
-                    pad.push_event(Gst.Event.new_gap(info.get_buffer().pts, info.get_buffer().duration)) and
-                    Gst.PadProbeReturn.DROP))
-            feed(src, data, 16000, 2, gap=gap)
-            self.assertEqual(analyse(silenced, 16000)[0], activity(run(p))[0])
-            if not as_events:
-                self.assertEqual({127}, set(levels[gap.start // 1000:gap.stop // 1000]))
+            self.assertEqual(b"".join(silenced[pos * width:end * width] for pos, end, _ in speech),
+                             b"".join(o[3] for o in out))
+            self.assertEqual((events, dated(events, time_of)), got)
+            self.assertEqual((len(data) // width, False), events[-1][:2])  # the open segment closed at EOS
+            # the LATENCY query (live) covers how long any frame pushed with an input buffer was held
+            live, latency, _ = query.parse_latency()
+            self.assertTrue(live and max(ns(max(0, o[4] - o[1]), rate) for o in out) <= latency)
 
     def test_new_caps_a_float_file_and_a_seek(self):
         # 2 s at 16 kHz mono ending inside speech, then the bursts at 48 kHz float stereo
@@ -152,8 +148,8 @@ class Vad(unittest.TestCase):
         feed(src, second, 48000, 8, start=2 * Gst.SECOND)
         a, b = analyse(first, 16000)[0], analyse(second, 48000, 2, True)[0]
         self.assertEqual((32000, False), a[-1][:2])  # the first run's open speech closed by the new caps
-        self.assertEqual((a + b, dated(a, lambda pos: ns(pos, 16000)) + dated(b, lambda pos: 2 * Gst.SECOND + ns(pos, 48000))),
-                         activity(run(p)))
+        self.assertEqual((a + b, dated(a, lambda pos: ns(pos, 16000)) +
+                          dated(b, lambda pos: 2 * Gst.SECOND + ns(pos, 48000))), activity(run(p)))
         # the same 48 kHz stereo float audio as a file; then a flushing seek to 3 s, where the analyzer
         # starts afresh, and running time with it
         folder = tempfile.mkdtemp(prefix="oku-gst-")
@@ -163,7 +159,8 @@ class Vad(unittest.TestCase):
             self.assertEqual(b, activity(run(p))[0])
             p.set_state(Gst.State.PAUSED)
             p.get_state(Gst.CLOCK_TIME_NONE)
-            self.assertTrue(p.seek_simple(Gst.Format.TIME, Gst.SeekFlags.FLUSH | Gst.SeekFlags.ACCURATE, 3 * Gst.SECOND))
+            self.assertTrue(p.seek_simple(Gst.Format.TIME, Gst.SeekFlags.FLUSH | Gst.SeekFlags.ACCURATE,
+                                          3 * Gst.SECOND))
             p.get_state(Gst.CLOCK_TIME_NONE)
             va = named(run(p), "voice-activity")
         finally:
@@ -181,13 +178,13 @@ class Vad(unittest.TestCase):
         self.assertEqual((1000, 300), (vad.get_property("eos-timeout-ms"), vad.get_property("speech-window-size-ms")))
         feed(src, data, 16000, 2)
         messages = run(p)
-        for params, same in ((b"EOSTimeoutMs=1000;SpeechWindowSizeMs=300", True), (b"EOSTimeoutMs=200;SpeechWindowSizeMs=300", False)):
+        for params, same in ((b"EOSTimeoutMs=1000;SpeechWindowSizeMs=300", True),
+                             (b"EOSTimeoutMs=200;SpeechWindowSizeMs=300", False)):
             self.assertEqual(same, analyse(data, 16000, params=params)[0] == activity(messages)[0])
         self.assertEqual(["EOSTimoutMs"], re.findall("EOSTi[a-z]*Ms", str(named(messages, "warning"))))
         # a setting the library refuses stops the pipeline with a settings error
-        for element, setting in (("okuvad", "params=EOSTimeoutMs=soon"), ("okuvad", "params=garbage"),
-                                 ("okuvad", "histogram-window-size-ms=0"), ("okuagc", "least-gain=0"),
-                                 ("okuagc", "params=MinUpdateIntervalMs=10")):
+        for element, setting in (("okuvad", "params=EOSTimeoutMs=soon"), ("okuvad", "histogram-window-size-ms=0"),
+                                 ("okuagc", "least-gain=0"), ("okuagc", "params=MinUpdateIntervalMs=10")):
             p, src = appsrc("%s %s ! fakesink" % (element, setting), 16000)
             feed(src, data[:32000], 16000, 2)
             with self.assertRaises(PipelineError) as e:
@@ -215,20 +212,22 @@ class Agc(unittest.TestCase):
 
     def test_drives_the_volume_it_finds(self):
         quiet, loud = signal(16000, BURSTS, 6.0), signal(16000, BURSTS, 6.0, tone=30000)
-        # (pipeline, audio, its volume before, raised?): "v" is driven, "near" left alone
+        # (pipeline, audio, the volume before, raised?): "v" is driven, "near" left alone
         for pipeline, samples, before, up in (
                 ("volume name=v volume=0.02 ! okuagc ! fakesink", quiet, 0.02, True),
                 ("volume name=v volume=1.0 ! okuagc ! fakesink", loud, 1.0, False),
                 ("( volume name=v volume=0.02 ) ! identity ! okuagc ! fakesink", quiet, 0.02, True),
-                ("volume name=v volume=0.02 ! volume name=near ! okuagc volume-element=v ! fakesink", quiet, 0.02, True)):
+                ("volume name=v volume=0.02 ! volume name=near ! okuagc volume-element=v ! fakesink", quiet, 0.02,
+                 True)):
             p, messages = self.decisions(pipeline, samples)
             volume, near = p.get_by_name("v").get_property("volume"), p.get_by_name("near")
             self.assertEqual((before, up, round(volume, 6), 1.0),
-                             (round(messages[0]["volume-before"], 6), volume > before, round(messages[-1]["volume-after"], 6),
-                              near.get_property("volume") if near else 1.0), pipeline)
+                             (round(messages[0]["volume-before"], 6), volume > before,
+                              round(messages[-1]["volume-after"], 6), near.get_property("volume") if near else 1.0))
         # a person sets 0.5 at 3 s: the next decision starts from it
         _, messages = self.decisions("volume name=v volume=0.02 ! okuagc ! fakesink", quiet, person=(48000, "v", 0.5))
-        self.assertAlmostEqual(0.5, [m for m in messages if m["stream-time"] > 3 * Gst.SECOND][0]["volume-before"], places=6)
+        later = [m for m in messages if m["stream-time"] > 3 * Gst.SECOND]
+        self.assertAlmostEqual(0.5, later[0]["volume-before"], places=6)
 
     def test_gap_buffers_leave_the_volume_alone(self):
         # 6 s of digital silence reads as a microphone turned far down: as audio it makes the gain
@@ -238,9 +237,10 @@ class Agc(unittest.TestCase):
             self.assertEqual((moved, moved), (p.get_by_name("v").get_property("volume") > 0.5, bool(messages)))
 
     def test_without_a_volume_element_the_decisions_are_the_librarys(self):
-        # 48 kHz float stereo, too loud, one sample not a number; each proposal taken as applied, from max-volume on
-        rate, chunk, data = 48000, 960, audio(signal(48000, BURSTS, 6.0, tone=30000), 2, True)
-        data = array.array("f", [math.nan]).tobytes() + data[4:]
+        # 48 kHz float stereo, too loud, its first sample not a number; each proposal taken as applied,
+        # from max-volume on
+        rate, chunk = 48000, 960
+        data = array.array("f", [math.nan]).tobytes() + audio(signal(rate, BURSTS, 6.0, tone=30000), 2, True)[4:]
         p, src = appsrc("okuagc name=agc max-volume=2 ! fakesink", rate, 2, True)
         feed(src, data, rate, 8, chunk=chunk)
         got = [(m["control"], m["volume-before"], m["volume-after"]) for m in named(run(p), "oku-agc")]
@@ -249,7 +249,8 @@ class Agc(unittest.TestCase):
         self.assertEqual(0, lib.oku_agc_open(rate, 2, None, 0, byref(agc)))
         for i in range(0, len(data), chunk * 8):
             before = gain.value
-            self.assertEqual(0, lib.oku_agc_process_f32(agc, data[i:i + chunk * 8], chunk * 2, before, byref(gain)))
+            chunk_data = data[i:i + chunk * 8]
+            self.assertEqual(0, lib.oku_agc_process_f32(agc, chunk_data, len(chunk_data) // 4, before, byref(gain)))
             lib.oku_agc_info(agc, byref(d))
             if d.updated:
                 expected.append((lib.oku_agc_control_name(d.control).decode(), 2 * before, 2 * gain.value))
