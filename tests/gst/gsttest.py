@@ -36,6 +36,9 @@ Segment = struct(("start", c_int64), ("end", c_int64), ("start_ms", c_double), (
 Decision = struct(("control", c_int32), ("updated", c_int32), ("time_ms", c_double), ("pause_db", c_float),
                   ("speech_db", c_float), ("changed", c_int32), ("reserved", c_int32))
 lib = ctypes.CDLL(os.environ["OKU_LIBRARY"])
+lib.oku_struct_size.restype = c_size_t
+assert [ctypes.sizeof(t) for t in (Result, Segment, Decision)] == [
+    lib.oku_struct_size(name) for name in (b"oku_vad_result", b"oku_vad_segment", b"oku_agc_decision")]
 lib.oku_input_rates.restype, lib.oku_agc_control_name.restype = POINTER(c_int), c_char_p
 for fn in (lib.oku_vad_process, lib.oku_vad_process_f32):
     fn.argtypes = [c_void_p, c_char_p, c_size_t]
