@@ -1,6 +1,7 @@
 # Short commands for newcomers; CMake does the work.
 #   make run    install what is missing, build, run the oku command and the C example on the shipped recording
-#   make test   install what is missing, build, run every test
+#   make test   install what is missing, build, run every test but those labelled live
+#   make live   the tests labelled live: real time through a sound server of their own (PulseAudio)
 #   make golden rewrite the golden result files after a change meant to alter results
 #   make tsan   the thread tests under ThreadSanitizer
 #   make fuzz   each fuzz target for FUZZ_SECONDS (default 60)
@@ -17,7 +18,7 @@ BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build run test golden docs tsan fuzz memcheck bench cross clean web web-setup web-test web-demo web-bench
+.PHONY: all setup build run test live golden docs tsan fuzz memcheck bench cross clean web web-setup web-test web-demo web-bench
 FUZZ_SECONDS ?= 60
 
 all: build
@@ -47,10 +48,13 @@ run: build
 	$(BUILD)/examples/vad_example data/speech16k.wav
 
 test: build
-	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) -LE live
 ifeq ($(BUILD),build)
 	@web/check.sh || { echo "web: tests failed"; exit 1; }
 endif
+
+live: build
+	cd $(BUILD) && ctest --output-on-failure -L live
 
 cross:
 	CMAKE_FLAGS="$(CMAKE_FLAGS)" JOBS=$(JOBS) scripts/cross.sh

@@ -1,40 +1,48 @@
 /*
  * gstoku.c - the plugin: registers okuvad and okuagc, and holds what both
- * elements share (caps, settings properties, the sample-to-time mapping).
+ * elements share (caps, settings properties, the position-to-time mapping).
  */
 #include "gstoku.h"
 
 #include <gst/audio/audio.h>
 #include <string.h>
 
-GstCaps* gst_oku_caps_new(void)
+static void append_int(GValue* list, int v)
 {
-    size_t count = 0;
-    const int* rates = oku_rates(&count);
-    GValue list = G_VALUE_INIT;
-    g_value_init(&list, GST_TYPE_LIST);
-    for (size_t i = 0; i < count; i++) {
-        GValue rate = G_VALUE_INIT;
-        g_value_init(&rate, G_TYPE_INT);
-        g_value_set_int(&rate, rates[i]);
-        gst_value_list_append_and_take_value(&list, &rate);
-    }
-    GstCaps* caps = gst_caps_new_simple("audio/x-raw", "format", G_TYPE_STRING, GST_AUDIO_NE(S16), "layout",
-                                        G_TYPE_STRING, "interleaved", "channels", G_TYPE_INT, 1, NULL);
-    gst_caps_set_value(caps, "rate", &list);
-    g_value_unset(&list);
-    return caps;
+    GValue item = G_VALUE_INIT;
+    g_value_init(&item, G_TYPE_INT);
+    g_value_set_int(&item, v);
+    gst_value_list_append_and_take_value(list, &item);
 }
 
-gchar* gst_oku_rates_text(void)
+static void append_string(GValue* list, const char* s)
 {
+    GValue item = G_VALUE_INIT;
+    g_value_init(&item, G_TYPE_STRING);
+    g_value_set_string(&item, s);
+    gst_value_list_append_and_take_value(list, &item);
+}
+
+GstCaps* gst_oku_caps_new(void)
+{
+    GstCaps* caps = gst_caps_new_empty_simple("audio/x-raw");
+    GValue list = G_VALUE_INIT;
+    g_value_init(&list, GST_TYPE_LIST);
+    append_string(&list, GST_AUDIO_NE(S16));
+    append_string(&list, GST_AUDIO_NE(F32));
+    gst_caps_set_value(caps, "format", &list);
+    g_value_unset(&list);
+    gst_caps_set_simple(caps, "layout", G_TYPE_STRING, "interleaved", NULL);
+
     size_t count = 0;
-    const int* rates = oku_rates(&count);
-    GString* text = g_string_new(NULL);
+    const int* rates = oku_input_rates(&count);
+    g_value_init(&list, GST_TYPE_LIST);
     for (size_t i = 0; i < count; i++)
-        g_string_append_printf(text, "%s%d", i == 0 ? "" : i + 1 == count ? " or " : ", ", rates[i]);
-    g_string_append(text, " Hz");
-    return g_string_free(text, FALSE);
+        append_int(&list, rates[i]);
+    gst_caps_set_value(caps, "rate", &list);
+    g_value_unset(&list);
+    gst_caps_set_simple(caps, "channels", GST_TYPE_INT_RANGE, 1, oku_max_channels(), NULL);
+    return caps;
 }
 
 /* ---- settings as properties ---------------------------------------------- */
@@ -176,6 +184,20 @@ gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gboolean
     return TRUE;
 }
 
+void gst_oku_count_nonfinite(GstElement* element, guint64* total, guint64* counted, guint64 count)
+{
+    if (count == *counted)
+        return;
+    GST_OBJECT_LOCK(element);
+    const gboolean first = *total == 0;
+    *total += count - *counted;
+    GST_OBJECT_UNLOCK(element);
+    *counted = count;
+    if (first)
+        GST_ELEMENT_WARNING(element, STREAM, FORMAT, ("The audio holds NaN or infinite samples"),
+                            ("they are taken as silence; the property \"nonfinite\" counts them"));
+}
+
 /* ---- positions as times --------------------------------------------------- */
 
 #define GST_OKU_ALIGNMENT (40 * GST_MSECOND)
@@ -239,6 +261,10 @@ GstClockTime gst_oku_timeline_time(const GstOkuTimeline* t, guint64 position)
 void gst_oku_segment_times(const GstSegment* segment, GstClockTime time, guint64* stream_time,
                            guint64* running_time)
 {
+    if (segment->format != GST_FORMAT_TIME) {
+        *stream_time = *running_time = time;
+        return;
+    }
     *stream_time = gst_segment_to_stream_time(segment, GST_FORMAT_TIME, time);
     *running_time = gst_segment_to_running_time(segment, GST_FORMAT_TIME, time);
 }
@@ -247,8 +273,7 @@ void gst_oku_segment_times(const GstSegment* segment, GstClockTime time, guint64
 
 static gboolean plugin_init(GstPlugin* plugin)
 {
-    return gst_element_register(plugin, "okuvad", GST_RANK_NONE, GST_TYPE_OKU_VAD) &&
-           gst_element_register(plugin, "okuagc", GST_RANK_NONE, GST_TYPE_OKU_AGC);
+    return GST_ELEMENT_REGISTER(okuvad, plugin) && GST_ELEMENT_REGISTER(okuagc, plugin);
 }
 
 #ifndef PACKAGE

@@ -1,7 +1,7 @@
 /*
  * gstoku.h - what the okuvad and okuagc elements share: caps from the
- * library's rates, properties made from its settings tables, and the mapping
- * from sample positions of a run to buffer timestamps.
+ * library's input rates and channel limit, properties made from its settings
+ * tables, and the mapping from positions of a run to buffer timestamps.
  */
 #ifndef GST_OKU_H
 #define GST_OKU_H
@@ -18,15 +18,22 @@ G_DECLARE_FINAL_TYPE(GstOkuVad, gst_oku_vad, GST, OKU_VAD, GstAudioFilter)
 #define GST_TYPE_OKU_AGC (gst_oku_agc_get_type())
 G_DECLARE_FINAL_TYPE(GstOkuAgc, gst_oku_agc, GST, OKU_AGC, GstAudioFilter)
 
-/* S16 mono in native byte order at each rate of oku_rates(). */
+GST_ELEMENT_REGISTER_DECLARE(okuvad)
+GST_ELEMENT_REGISTER_DECLARE(okuagc)
+
+/*
+ * What the services take as it comes: 16-bit or float samples in native byte
+ * order, interleaved, 1 to oku_max_channels() channels, at every rate of
+ * oku_input_rates(). The library mixes down and converts; the elements never do.
+ */
 GstCaps* gst_oku_caps_new(void);
 
-/* The rates of oku_rates() as text, "8000, ... or 22050 Hz" (free with g_free). */
-gchar* gst_oku_rates_text(void);
+/* Whether the negotiated samples are float (else 16-bit). */
+#define GST_OKU_IS_FLOAT(info) (GST_AUDIO_INFO_FORMAT(info) == GST_AUDIO_FORMAT_F32)
 
-/* Where the elements' manual is installed, below the prefix. */
+/* The elements' manual, as the URI gst-inspect-1.0 shows. */
 #ifndef OKU_GST_MANUAL
-#define OKU_GST_MANUAL "share/doc/OKUVAD/gstreamer.md"
+#define OKU_GST_MANUAL "file:///usr/local/share/doc/OKUVAD/gstreamer.md"
 #endif
 
 /*
@@ -64,7 +71,16 @@ gchar* gst_oku_settings_string(const GstOkuSettings* s);
 gboolean gst_oku_settings_check(GstElement* element, GstOkuSettings* s, gboolean warn_unknown, gchar** params);
 
 /*
- * Sample positions of a run (counted from its first sample) as buffer times.
+ * Counts the float samples that are NaN or infinite, which the services take
+ * as silence: count is the handle's own count, counted what the element has
+ * taken of it so far, *total the element's count since it started (guarded
+ * by the object lock). The first such sample posts a warning.
+ */
+void gst_oku_count_nonfinite(GstElement* element, guint64* total, guint64* counted, guint64 count);
+#define GST_OKU_NONFINITE_BLURB "NaN or infinite float samples met since the element started (taken as silence)"
+
+/*
+ * Positions of a run (input frames counted from its first) as buffer times.
  * The first buffer of a run anchors position 0 at its timestamp (at the
  * segment's start when it has none); a later buffer whose timestamp is more
  * than 40 ms away from where the samples before it put it, or that is marked
@@ -79,18 +95,21 @@ typedef struct {
 
 typedef struct {
     int rate;
-    guint64 samples; /* samples received in the run */
+    guint64 samples; /* frames received in the run */
     guint n_anchors;
     GstOkuAnchor anchors[GST_OKU_ANCHORS];
 } GstOkuTimeline;
 
 void gst_oku_timeline_start(GstOkuTimeline* t, int rate);
-/* Records the next buffer (call before adding its samples to t->samples). */
+/* Records the next buffer (call before adding its frames to t->samples). */
 void gst_oku_timeline_add(GstOkuTimeline* t, GstBuffer* buf, const GstSegment* segment);
 /* The buffer time of a position of the run; GST_CLOCK_TIME_NONE before the first buffer. */
 GstClockTime gst_oku_timeline_time(const GstOkuTimeline* t, guint64 position);
 
-/* Stream time and running time of a buffer time in a TIME segment (GST_CLOCK_TIME_NONE outside it). */
+/*
+ * Stream time and running time of a buffer time (GST_CLOCK_TIME_NONE outside
+ * the segment). A segment in another format than TIME gives the time itself.
+ */
 void gst_oku_segment_times(const GstSegment* segment, GstClockTime time, guint64* stream_time,
                            guint64* running_time);
 

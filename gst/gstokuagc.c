@@ -1,18 +1,41 @@
-/*
- * okuagc - the gain control as a GStreamer element: the audio passes through
- * untouched, and the element acts as the gain control's host for a volume
- * upstream of it.
+/**
+ * SECTION:element-okuagc
+ * @title: okuagc
+ * @short_description: drives an upstream volume so that speech lands in the gain control's band
  *
- * The volume is that of the element named by "volume-element" (anywhere in the
- * pipeline), or else of the nearest upstream element with the GstStreamVolume
- * interface (pulsesrc, volume, ...), found through bins and ghost pads. For
- * each buffer the element reads that volume (so a change made by a person
- * counts), gives the gain control volume / max-volume as the gain, and sets
- * the volume it proposes when the gain control says the gain changed.
- * Buffers marked GAP pass without reaching the gain control. Each
- * decision is posted as an "oku-agc" message. Without a volume element the
- * element assumes its proposals are applied, starting at max-volume, and only
- * posts the messages.
+ * okuagc passes the audio through untouched and acts as the gain control's
+ * host for a volume upstream of it. It takes the audio as okuvad does, in
+ * every format, channel count and rate its caps list.
+ *
+ * The volume is that of the element named by #GstOkuAgc:volume-element
+ * (anywhere in the pipeline), or else of the nearest upstream element with
+ * the #GstStreamVolume interface (pulsesrc, volume, ...), found through bins
+ * and ghost pads. For each buffer the element reads that volume, so that a
+ * change made by a person counts, gives the gain control volume / max-volume
+ * (held to 0..1) as the gain, and sets the gain it proposes times max-volume
+ * when the gain control says the gain changed.
+ *
+ * Each decision is posted as an `oku-agc` element message: #guint64
+ * `stream-time` and #guint64 `running-time` (the end of the buffer that
+ * completed the decision), #gchararray `control` (the library's name of the
+ * decision, such as `speech_too_low`), #gdouble `volume-before` and #gdouble
+ * `volume-after` (linear), #gdouble `pause-db` and #gdouble `speech-db` (dB
+ * of frame power).
+ *
+ * Buffers marked GAP and a muted volume element give the gain control
+ * nothing to hear: digital silence would read as a microphone turned far
+ * down. A float sample that is NaN or infinite is silence to the gain
+ * control: #GstOkuAgc:nonfinite counts them, and the first posts a warning.
+ * Without a volume element the element takes each proposal as applied,
+ * starting at max-volume, and only posts the messages. A flushing seek or
+ * new caps start a new gain control.
+ *
+ * ## Example launch lines
+ * |[
+ * gst-launch-1.0 -m pulsesrc ! okuagc ! okuvad ! fakesink
+ * gst-launch-1.0 -m pipewiresrc ! volume name=gain ! okuagc volume-element=gain max-volume=4 ! autoaudiosink
+ * ]|
+ * The first drives pulsesrc's stream volume; the second a software gain of up to 4x.
  */
 #include "gstoku.h"
 
@@ -24,7 +47,7 @@ GST_DEBUG_CATEGORY_STATIC(gst_oku_agc_debug);
 
 #define DEFAULT_MAX_VOLUME 1.0
 
-enum { PROP_0, PROP_MAX_VOLUME, PROP_VOLUME_ELEMENT, PROP_SETTINGS };
+enum { PROP_0, PROP_MAX_VOLUME, PROP_VOLUME_ELEMENT, PROP_NONFINITE, PROP_SETTINGS };
 
 struct _GstOkuAgc {
     GstAudioFilter parent;
@@ -34,11 +57,11 @@ struct _GstOkuAgc {
     gdouble max_volume;
     gchar* volume_element;
     gboolean lookup; /* find the volume element again before the next buffer */
+    guint64 nonfinite; /* float samples that were not finite, since start */
 
-    /* streaming (stream lock) */
+    /* streaming (stream lock); the caps in force are the audio filter's info */
     oku_agc* agc; /* NULL between runs */
-    int rate;
-    GstSegment segment;
+    guint64 run_nonfinite; /* the run's gain control's count of them */
     GstOkuTimeline timeline;
     GWeakRef target;  /* the volume element */
     gboolean have_target;
@@ -46,6 +69,7 @@ struct _GstOkuAgc {
 };
 
 G_DEFINE_TYPE(GstOkuAgc, gst_oku_agc, GST_TYPE_AUDIO_FILTER)
+GST_ELEMENT_REGISTER_DEFINE(okuagc, "okuagc", GST_RANK_NONE, GST_TYPE_OKU_AGC)
 
 /* ---- finding the volume element -------------------------------------------- */
 
@@ -205,28 +229,30 @@ static gboolean start_run(GstOkuAgc* self)
     gchar* params = NULL;
     if (!gst_oku_settings_check(GST_ELEMENT(self), &self->settings, FALSE, &params))
         return FALSE;
-    if (oku_agc_create(self->rate, params, &self->agc) != OKU_OK) {
+    const GstAudioInfo* info = GST_AUDIO_FILTER_INFO(self);
+    const int rate = GST_AUDIO_INFO_RATE(info), channels = GST_AUDIO_INFO_CHANNELS(info);
+    if (oku_agc_open(rate, channels, params, 0, &self->agc) != OKU_OK) {
         GST_ELEMENT_ERROR(self, LIBRARY, INIT, ("Cannot make the gain control: %s", oku_last_error()),
-                          ("rate %d, parameter string \"%s\"", self->rate, params));
+                          ("%d Hz, %d channels, parameter string \"%s\"", rate, channels, params));
         g_free(params);
         self->agc = NULL;
         return FALSE;
     }
     g_free(params);
-    gst_oku_timeline_start(&self->timeline, self->rate);
+    self->run_nonfinite = 0;
+    gst_oku_timeline_start(&self->timeline, rate);
     GST_OBJECT_LOCK(self);
     self->assumed = self->max_volume;
     GST_OBJECT_UNLOCK(self);
     return TRUE;
 }
 
+/* New caps start a new gain control, and the volume element is looked for again. */
 static gboolean gst_oku_agc_setup(GstAudioFilter* filter, const GstAudioInfo* info)
 {
     GstOkuAgc* self = GST_OKU_AGC(filter);
-    if (GST_AUDIO_INFO_RATE(info) != self->rate) {
+    if (!gst_audio_info_is_equal(info, GST_AUDIO_FILTER_INFO(filter)))
         end_run(self);
-        self->rate = GST_AUDIO_INFO_RATE(info);
-    }
     GST_OBJECT_LOCK(self);
     self->lookup = TRUE;
     GST_OBJECT_UNLOCK(self);
@@ -244,9 +270,11 @@ static GstFlowReturn gst_oku_agc_transform_ip(GstBaseTransform* trans, GstBuffer
         GST_ELEMENT_ERROR(self, RESOURCE, READ, (NULL), ("cannot map a buffer"));
         return GST_FLOW_ERROR;
     }
-    const guint64 n = map.size / 2;
-    gst_oku_timeline_add(&self->timeline, buf, &self->segment);
-    self->timeline.samples += n;
+    const GstAudioInfo* info = GST_AUDIO_FILTER_INFO(self);
+    const guint64 frames = map.size / (guint)GST_AUDIO_INFO_BPF(info);
+    const size_t n = (size_t)frames * (size_t)GST_AUDIO_INFO_CHANNELS(info);
+    gst_oku_timeline_add(&self->timeline, buf, &trans->segment);
+    self->timeline.samples += frames;
     if (GST_BUFFER_FLAG_IS_SET(buf, GST_BUFFER_FLAG_GAP)) {
         /* A gap holds no captured audio: its silence says nothing about the
          * microphone's level, so the gain control does not hear it. */
@@ -271,13 +299,18 @@ static GstFlowReturn gst_oku_agc_transform_ip(GstBaseTransform* trans, GstBuffer
     const double gain = CLAMP(before / max_volume, 0.0, 1.0);
     double proposed = gain;
     oku_agc_decision decision;
-    const int status = oku_agc_process(self->agc, (const int16_t*)map.data, (size_t)n, gain, &proposed);
+    const int status = GST_OKU_IS_FLOAT(info)
+                           ? oku_agc_process_f32(self->agc, (const float*)map.data, n, gain, &proposed)
+                           : oku_agc_process(self->agc, (const int16_t*)map.data, n, gain, &proposed);
     gst_buffer_unmap(buf, &map);
     if (status != OKU_OK || oku_agc_info(self->agc, &decision) != OKU_OK) {
         gst_clear_object(&target);
         GST_ELEMENT_ERROR(self, LIBRARY, FAILED, ("The gain control failed: %s", oku_last_error()), (NULL));
         return GST_FLOW_ERROR;
     }
+    uint64_t nonfinite = 0;
+    if (GST_OKU_IS_FLOAT(info) && oku_agc_nonfinite(self->agc, &nonfinite) == OKU_OK)
+        gst_oku_count_nonfinite(GST_ELEMENT(self), &self->nonfinite, &self->run_nonfinite, nonfinite);
     if (!decision.updated) {
         gst_clear_object(&target);
         return GST_FLOW_OK;
@@ -295,7 +328,7 @@ static GstFlowReturn gst_oku_agc_transform_ip(GstBaseTransform* trans, GstBuffer
     gst_clear_object(&target);
 
     guint64 stream_time, running_time;
-    gst_oku_segment_times(&self->segment, gst_oku_timeline_time(&self->timeline, self->timeline.samples),
+    gst_oku_segment_times(&trans->segment, gst_oku_timeline_time(&self->timeline, self->timeline.samples),
                           &stream_time, &running_time);
     const char* control = oku_agc_control_name(decision.control);
     GST_DEBUG_OBJECT(self, "%s: volume %g -> %g", control, before, after);
@@ -311,20 +344,9 @@ static GstFlowReturn gst_oku_agc_transform_ip(GstBaseTransform* trans, GstBuffer
 static gboolean gst_oku_agc_sink_event(GstBaseTransform* trans, GstEvent* event)
 {
     GstOkuAgc* self = GST_OKU_AGC(trans);
-    switch (GST_EVENT_TYPE(event)) {
-    case GST_EVENT_SEGMENT:
-        gst_event_copy_segment(event, &self->segment);
-        if (self->segment.format != GST_FORMAT_TIME)
-            gst_segment_init(&self->segment, GST_FORMAT_TIME);
-        break;
-    case GST_EVENT_FLUSH_STOP:
-        /* What came before a seek says nothing about the audio after it. */
+    /* What came before a seek says nothing about the audio after it. */
+    if (GST_EVENT_TYPE(event) == GST_EVENT_FLUSH_STOP)
         end_run(self);
-        gst_segment_init(&self->segment, GST_FORMAT_TIME);
-        break;
-    default:
-        break;
-    }
     return GST_BASE_TRANSFORM_CLASS(gst_oku_agc_parent_class)->sink_event(trans, event);
 }
 
@@ -333,10 +355,9 @@ static gboolean gst_oku_agc_start(GstBaseTransform* trans)
     GstOkuAgc* self = GST_OKU_AGC(trans);
     if (!gst_oku_settings_check(GST_ELEMENT(self), &self->settings, TRUE, NULL))
         return FALSE;
-    self->rate = 0;
-    gst_segment_init(&self->segment, GST_FORMAT_TIME);
     GST_OBJECT_LOCK(self);
     self->lookup = TRUE;
+    self->nonfinite = 0;
     GST_OBJECT_UNLOCK(self);
     return TRUE;
 }
@@ -347,7 +368,6 @@ static gboolean gst_oku_agc_stop(GstBaseTransform* trans)
     end_run(self);
     g_weak_ref_set(&self->target, NULL);
     self->have_target = FALSE;
-    self->rate = 0;
     return TRUE;
 }
 
@@ -384,6 +404,9 @@ static void gst_oku_agc_get_property(GObject* object, guint prop_id, GValue* val
         break;
     case PROP_VOLUME_ELEMENT:
         g_value_set_string(value, self->volume_element);
+        break;
+    case PROP_NONFINITE:
+        g_value_set_uint64(value, self->nonfinite);
         break;
     default:
         if (!gst_oku_settings_get(&self->settings, PROP_SETTINGS, prop_id, value))
@@ -428,27 +451,18 @@ static void gst_oku_agc_class_init(GstOkuAgcClass* klass)
                             "Name of the element whose volume to drive, anywhere in the pipeline (default: the "
                             "nearest upstream element with the GstStreamVolume interface)",
                             NULL, G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING));
+    g_object_class_install_property(gobject_class, PROP_NONFINITE,
+                                    g_param_spec_uint64("nonfinite", "Non-finite samples", GST_OKU_NONFINITE_BLURB, 0,
+                                                        G_MAXUINT64, 0, G_PARAM_READABLE | G_PARAM_STATIC_STRINGS));
     gst_oku_settings_install(gobject_class, OKU_SERVICE_AGC, PROP_SETTINGS);
 
     GstCaps* caps = gst_oku_caps_new();
     gst_audio_filter_class_add_pad_templates(filter_class, caps);
     gst_caps_unref(caps);
-    gchar* rates = gst_oku_rates_text();
-    gchar* description = g_strdup_printf(
-        "Automatic gain control for S16 mono speech at %s: drives the volume of the element named by "
-        "volume-element, or else of the nearest upstream element with the GstStreamVolume interface "
-        "(pulsesrc, volume, ...), to bring speech into the gain control's band. The audio passes through "
-        "untouched. For each buffer it reads that volume (a person's change counts), gives the gain control "
-        "volume / max-volume as the gain, and sets the gain proposed times max-volume when the gain control "
-        "says it changed. Each decision is posted as an \"oku-agc\" element message (stream-time, "
-        "running-time, control, volume-before, volume-after, pause-db, speech-db). GAP buffers and a muted "
-        "volume element give the gain control nothing to hear. Without a volume element the proposals are "
-        "only posted. Manual: %s",
-        rates, OKU_GST_MANUAL);
-    gst_element_class_set_metadata(element_class, "Automatic gain control", "Filter/Effect/Audio", description,
-                                   "oku developers");
-    g_free(description);
-    g_free(rates);
+    gst_element_class_set_static_metadata(element_class, "Automatic gain control", "Filter/Effect/Audio",
+                                          "Drives an upstream volume so that speech lands in the gain control's band",
+                                          "oku developers");
+    gst_element_class_add_static_metadata(element_class, GST_ELEMENT_METADATA_DOC_URI, OKU_GST_MANUAL);
 
     trans_class->transform_ip = GST_DEBUG_FUNCPTR(gst_oku_agc_transform_ip);
     trans_class->transform_ip_on_passthrough = TRUE;
@@ -466,5 +480,4 @@ static void gst_oku_agc_init(GstOkuAgc* self)
     self->assumed = DEFAULT_MAX_VOLUME;
     g_weak_ref_init(&self->target, NULL);
     gst_base_transform_set_passthrough(GST_BASE_TRANSFORM(self), TRUE);
-    gst_segment_init(&self->segment, GST_FORMAT_TIME);
 }

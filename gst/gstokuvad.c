@@ -1,36 +1,60 @@
-/*
- * okuvad - the voice-activity analyzer as a GStreamer element, on
- * GstAudioFilter.
+/**
+ * SECTION:element-okuvad
+ * @title: okuvad
+ * @short_description: finds speech, posts where it starts and ends, and meters the volume
  *
- * In "pass" mode the element works in place, as level does: the audio goes
- * through untouched while the analyzer posts "voice-activity" messages
- * (speech started or ended, dated where the analyzer dates it) and
- * "oku-volume" readings. In "gate" mode it makes its own output, as
- * webrtcdsp does (submit_input_buffer hands the input to the analyzer,
- * generate_output hands out what it decided): only the frames the analyzer
- * places inside speech go downstream, with their original timestamps; the
- * element then delays the audio by as long as the analyzer takes to decide a
- * frame, and says so in the LATENCY query.
+ * okuvad runs the voice-activity analyzer over the audio as it comes: 16-bit
+ * or float samples, as many interleaved channels as the library mixes down,
+ * at every rate of oku_input_rates(), so that it needs no audioconvert or
+ * audioresample in front (how the library converts: docs/c-api.md#input).
  *
- * Every buffer the element passes carries a GstAudioLevelMeta: the level of
- * its samples in -dBov (0 loudest, 127 silence, as RFC 6464 counts) and
- * whether it lies in speech, which RTP payloaders turn into the audio-level
- * header extension (rtphdrextclientaudiolevel). In pass mode "in speech" is
- * the analyzer's state once it has heard the buffer, so it follows the
- * segments a decision's delay late; in gate mode every buffer is speech.
+ * It posts two element messages:
  *
- * A buffer marked GAP is silence: the analyzer hears zeros for it, so that
- * its positions keep counting the samples of the stream. A GAP event with a
- * duration counts the same way.
+ * * `voice-activity` where speech starts and where it ends, dated where the
+ *   analyzer dates it (not at the buffer that decided it):
+ *   #guint64 `stream-time`, #gboolean `stream-has-voice` (%TRUE at a start),
+ *   #guint64 `running-time` and #guint64 `position` (input frames from the
+ *   start of the run). An end also carries the start of its segment:
+ *   #guint64 `start-position` and #guint64 `start-stream-time`.
+ * * `oku-volume`, a meter reading at most once per #GstOkuVad:interval:
+ *   `stream-time`, `running-time`, `position` (the end of the audio
+ *   measured), #gdouble `peak` (0 to 32768), #gdouble `level-dbfs`,
+ *   #gdouble `snr-pct`, #gchararray `assessment` (`ok`, `too_noisy`,
+ *   `too_soft` or `too_loud`) and #gboolean `speech`. How the meter behaves
+ *   at the start of a run, in noise and in distorted speech is described in
+ *   docs/c-api.md#the-meters-behaviours.
  *
- * A run of the analyzer lasts from the first buffer after start, a flush, an
- * EOS or a new rate to the next of these: a new rate flushes the analyzer
- * (posting the end of open speech) and makes a new one, a flush drops it, EOS
- * flushes it. Settings and mode changed while streaming apply from the next run.
+ * Every buffer it passes carries a #GstAudioLevelMeta: its level in -dBov as
+ * RFC 6464 counts it, and whether it lies in speech, which RTP payloaders
+ * turn into the audio-level header extension.
+ *
+ * With mode=pass (the default) the audio goes through untouched and without
+ * latency. With mode=gate only the 20 ms frames inside speech go on, in the
+ * format they came in and with their timestamps, as late as the analyzer
+ * takes to decide them; the LATENCY query says by how much.
+ *
+ * A buffer marked GAP, and a GAP event with a duration, is silence to the
+ * analyzer, so that positions keep counting the stream's frames. So is a
+ * float sample that is NaN or infinite: #GstOkuVad:nonfinite counts them,
+ * and the first posts a warning. A run of
+ * the analyzer lasts from the first buffer after start, a flushing seek, EOS
+ * or new caps to the next of these: EOS and new caps close open speech, a
+ * flush drops it. Settings and mode changed while streaming apply from the
+ * next run.
+ *
+ * ## Example launch lines
+ * |[
+ * gst-launch-1.0 -m filesrc location=talk.flac ! decodebin ! okuvad ! fakesink
+ * gst-launch-1.0 -m pulsesrc ! audio/x-raw,format=F32LE,rate=48000,channels=2 ! okuvad ! fakesink
+ * gst-launch-1.0 pulsesrc ! okuvad mode=gate ! wavenc ! filesink location=speech.wav
+ * ]|
+ * With -m, gst-launch-1.0 prints the messages; the last line keeps only the
+ * speech, in a WAV file.
  */
 #include "gstoku.h"
 
 #include <gst/audio/audio.h>
+#include <gst/base/gstadapter.h>
 #include <math.h>
 
 GST_DEBUG_CATEGORY_STATIC(gst_oku_vad_debug);
@@ -57,7 +81,7 @@ static GType gst_oku_vad_mode_get_type(void)
 /* The level meta of digital silence, and of the quietest level it can say. */
 #define SILENCE_DBOV 127
 
-enum { PROP_0, PROP_MODE, PROP_INTERVAL, PROP_SETTINGS };
+enum { PROP_0, PROP_MODE, PROP_INTERVAL, PROP_NONFINITE, PROP_SETTINGS };
 
 struct _GstOkuVad {
     GstAudioFilter parent;
@@ -69,34 +93,37 @@ struct _GstOkuVad {
     gboolean running;      /* a run is under way, and latency is what it adds */
     GstClockTime latency;  /* gate mode: what the element adds, raised when a frame was held longer */
     GstClockTime answered; /* the latency last answered to a query */
+    guint64 nonfinite;     /* float samples that were not finite, since start */
 
-    /* streaming (stream lock) */
-    int rate; /* of the caps in force; 0 before caps */
-    GstSegment segment;
+    /* streaming (stream lock); the caps in force are the audio filter's info */
     oku_vad* vad; /* the current run's analyzer; NULL between runs */
     GstOkuVadMode run_mode;
+    guint64 run_nonfinite; /* the run's analyzer's count of them */
     GstOkuTimeline timeline;
     gboolean volume_posted;
     guint64 volume_position; /* position of the last reading posted */
     gboolean in_speech;      /* a start was posted and its end not yet */
-    gboolean gap;            /* gate: nothing pushed yet, or a frame dropped since the last one pushed */
+    GstClockTime next_pts;   /* gate: where the last frame pushed ends (NONE before the first) */
+    GstAdapter* held;        /* gate: the input the analyzer has not decided yet */
+    guint64 held_position;   /* gate: the position of its first frame */
     GQueue frames;           /* gate: speech frames decided and not yet handed downstream */
 };
 
 G_DEFINE_TYPE(GstOkuVad, gst_oku_vad, GST_TYPE_AUDIO_FILTER)
+GST_ELEMENT_REGISTER_DEFINE(okuvad, "okuvad", GST_RANK_NONE, GST_TYPE_OKU_VAD)
 
 /* ---- latency ---------------------------------------------------------------- */
 
 /*
  * How long gate mode holds audio: the longest time the analyzer may hold a
- * frame before handing it out decided (oku_vad_delay), over the supported
- * rates, since the LATENCY query may come before the rate is known. A bad
- * parameter string gives 0 here; starting the element reports it.
+ * frame before handing it out decided (oku_vad_delay), over the input rates,
+ * since the LATENCY query may come before the rate is known. A bad parameter
+ * string gives 0 here; starting the element reports it.
  */
 static GstClockTime gate_latency(const gchar* params)
 {
     size_t count = 0;
-    const int* rates = oku_rates(&count);
+    const int* rates = oku_input_rates(&count);
     GstClockTime latency = 0;
     for (size_t i = 0; i < count; i++) {
         double ms = 0;
@@ -109,21 +136,29 @@ static GstClockTime gate_latency(const gchar* params)
 /* ---- level meta --------------------------------------------------------------- */
 
 /*
- * The level of n samples as RFC 6464 gives it: the mean power relative to a
- * full-scale signal (0 dBov), negated, rounded and held to 0..127; digital
- * silence is 127.
+ * The level of n samples (all channels) as RFC 6464 gives it: the mean power
+ * relative to a full-scale signal (0 dBov), negated, rounded and held to
+ * 0..127; digital silence is 127. A float that is not finite counts as 0, as
+ * the analyzer counts it.
  */
-static guint8 level_dbov(const int16_t* samples, gsize n)
+static guint8 level_dbov(const void* data, gsize n, gboolean is_float)
 {
-    if (!samples || n == 0)
-        return SILENCE_DBOV;
     double sum = 0;
-    for (gsize i = 0; i < n; i++)
-        sum += (double)samples[i] * samples[i];
-    if (sum == 0)
+    if (data && is_float) {
+        const float* x = data;
+        for (gsize i = 0; i < n; i++)
+            if (isfinite(x[i]))
+                sum += (double)x[i] * x[i];
+    } else if (data) {
+        const int16_t* x = data;
+        for (gsize i = 0; i < n; i++)
+            sum += (double)x[i] * x[i];
+        sum /= 32768.0 * 32768.0;
+    }
+    if (!(sum > 0))
         return SILENCE_DBOV;
-    const double dbov = 10.0 * log10(sum / ((double)n * 32768.0 * 32768.0));
-    return (guint8)MIN(floor(-dbov + 0.5), (double)SILENCE_DBOV);
+    const double dbov = 10.0 * log10(sum / (double)n);
+    return (guint8)CLAMP(floor(-dbov + 0.5), 0.0, (double)SILENCE_DBOV);
 }
 
 /* Sets the buffer's level meta (replacing one from upstream). The buffer must be writable. */
@@ -145,22 +180,36 @@ static void post(GstOkuVad* self, GstStructure* s)
     gst_element_post_message(GST_ELEMENT(self), gst_message_new_element(GST_OBJECT(self), s));
 }
 
-static void post_voice_activity(GstOkuVad* self, const oku_vad_result* r)
+static void times_of(GstOkuVad* self, guint64 position, guint64* stream_time, guint64* running_time)
 {
+    gst_oku_segment_times(&GST_BASE_TRANSFORM(self)->segment, gst_oku_timeline_time(&self->timeline, position),
+                          stream_time, running_time);
+}
+
+/* A speech start, or an end with the start of the segment it closes. */
+static void post_voice_activity(GstOkuVad* self, const oku_vad_result* r, const oku_vad_segment* segment)
+{
+    const gboolean start = r->type == OKU_VAD_SPEECH_START;
     guint64 stream_time, running_time;
-    gst_oku_segment_times(&self->segment, gst_oku_timeline_time(&self->timeline, (guint64)r->position), &stream_time,
-                          &running_time);
-    GST_DEBUG_OBJECT(self, "speech %s at sample %" G_GINT64_FORMAT, r->type == OKU_VAD_SPEECH_START ? "start" : "end",
-                     r->position);
-    post(self, gst_structure_new("voice-activity", "stream-time", G_TYPE_UINT64, stream_time, "stream-has-voice",
-                                 G_TYPE_BOOLEAN, r->type == OKU_VAD_SPEECH_START, "running-time", G_TYPE_UINT64,
-                                 running_time, "position", G_TYPE_UINT64, (guint64)r->position, NULL));
+    times_of(self, (guint64)r->position, &stream_time, &running_time);
+    GST_DEBUG_OBJECT(self, "speech %s at frame %" G_GINT64_FORMAT, start ? "start" : "end", r->position);
+    GstStructure* s = gst_structure_new("voice-activity", "stream-time", G_TYPE_UINT64, stream_time,
+                                        "stream-has-voice", G_TYPE_BOOLEAN, start, "running-time", G_TYPE_UINT64,
+                                        running_time, "position", G_TYPE_UINT64, (guint64)r->position, NULL);
+    if (!start) {
+        guint64 start_stream_time, start_running_time;
+        times_of(self, (guint64)segment->start, &start_stream_time, &start_running_time);
+        gst_structure_set(s, "start-position", G_TYPE_UINT64, (guint64)segment->start, "start-stream-time",
+                          G_TYPE_UINT64, start_stream_time, NULL);
+    }
+    post(self, s);
 }
 
 static void post_volume(GstOkuVad* self, const oku_vad_result* r)
 {
+    const int rate = GST_AUDIO_INFO_RATE(GST_AUDIO_FILTER_INFO(self));
     GST_OBJECT_LOCK(self);
-    const guint64 interval = gst_util_uint64_scale_int(self->interval, self->rate, GST_SECOND);
+    const guint64 interval = gst_util_uint64_scale_int(self->interval, rate, GST_SECOND);
     GST_OBJECT_UNLOCK(self);
     const guint64 position = (guint64)r->position;
     if (self->volume_posted && position < self->volume_position + interval)
@@ -168,8 +217,7 @@ static void post_volume(GstOkuVad* self, const oku_vad_result* r)
     self->volume_posted = TRUE;
     self->volume_position = position;
     guint64 stream_time, running_time;
-    gst_oku_segment_times(&self->segment, gst_oku_timeline_time(&self->timeline, position), &stream_time,
-                          &running_time);
+    times_of(self, position, &stream_time, &running_time);
     const char* assessment = oku_assessment_name(r->assessment);
     post(self, gst_structure_new("oku-volume", "stream-time", G_TYPE_UINT64, stream_time, "running-time", G_TYPE_UINT64,
                                  running_time, "position", G_TYPE_UINT64, position, "peak", G_TYPE_DOUBLE, r->peak,
@@ -180,81 +228,117 @@ static void post_volume(GstOkuVad* self, const oku_vad_result* r)
 
 /* ---- the analyzer's results ------------------------------------------------- */
 
-/* Gate mode: queues one frame inside speech for downstream; records how long it was held. */
-static void queue_frame(GstOkuVad* self, const oku_vad_result* r, gint64 received)
+/* Gate mode: records how long a frame was held, and raises the latency when it was held longer. */
+static void note_held(GstOkuVad* self, guint64 position, gint64 received)
 {
-    const guint64 position = (guint64)r->position;
-    if (received > r->position) {
-        const GstClockTime held = gst_util_uint64_scale_int((guint64)(received - r->position), GST_SECOND, self->rate);
-        gboolean raised = FALSE;
-        GST_OBJECT_LOCK(self);
-        if (held > self->latency) {
-            self->latency = held;
-            raised = held > self->answered;
-        }
-        GST_OBJECT_UNLOCK(self);
-        if (raised) {
-            GST_INFO_OBJECT(self, "a frame was held %" GST_TIME_FORMAT ", longer than the latency reported",
-                            GST_TIME_ARGS(held));
-            gst_element_post_message(GST_ELEMENT(self), gst_message_new_latency(GST_OBJECT(self)));
-        }
+    if (received <= (gint64)position)
+        return;
+    const int rate = GST_AUDIO_INFO_RATE(GST_AUDIO_FILTER_INFO(self));
+    const GstClockTime held = gst_util_uint64_scale_int((guint64)received - position, GST_SECOND, rate);
+    gboolean raised = FALSE;
+    GST_OBJECT_LOCK(self);
+    if (held > self->latency) {
+        self->latency = held;
+        raised = held > self->answered;
     }
-    GstBuffer* out = gst_buffer_new_memdup(r->samples, (gsize)r->sample_count * sizeof(int16_t));
+    GST_OBJECT_UNLOCK(self);
+    if (raised) {
+        GST_INFO_OBJECT(self, "a frame was held %" GST_TIME_FORMAT ", longer than the latency reported",
+                        GST_TIME_ARGS(held));
+        gst_element_post_message(GST_ELEMENT(self), gst_message_new_latency(GST_OBJECT(self)));
+    }
+}
+
+/*
+ * Gate mode: the input frames of one decided frame leave the held input,
+ * queued for downstream when the frame lies in speech, dropped when not. An
+ * analysed frame stands for a whole number of input frames; the short last
+ * frame of a flush takes what is left of its share.
+ */
+static void gate_frame(GstOkuVad* self, const oku_vad_result* r, gint64 received)
+{
+    const GstAudioInfo* info = GST_AUDIO_FILTER_INFO(self);
+    const int rate = GST_AUDIO_INFO_RATE(info);
+    const guint bpf = (guint)GST_AUDIO_INFO_BPF(info);
+    const guint64 position = (guint64)r->position;
+    const guint64 held_end = self->held_position + gst_adapter_available(self->held) / bpf;
+    if (position > self->held_position) {
+        const guint64 skip = MIN(position, held_end) - self->held_position;
+        gst_adapter_flush(self->held, (gsize)(skip * bpf));
+        self->held_position += skip;
+    }
+    const guint64 share = gst_util_uint64_scale_int_ceil((guint64)r->sample_count, rate, oku_analysis_rate(rate));
+    const guint64 end = MIN(position + share, held_end);
+    if (end <= self->held_position)
+        return;
+    const gsize bytes = (gsize)(end - self->held_position) * bpf;
+    self->held_position = end;
+    if (!r->speech) {
+        gst_adapter_flush(self->held, bytes);
+        return;
+    }
+    note_held(self, position, received);
+    GstBuffer* out = gst_buffer_make_writable(gst_adapter_take_buffer(self->held, bytes));
     const GstClockTime start = gst_oku_timeline_time(&self->timeline, position);
     GST_BUFFER_PTS(out) = start;
-    GST_BUFFER_DURATION(out) =
-        gst_oku_timeline_time(&self->timeline, position + (guint64)r->sample_count) - start;
+    GST_BUFFER_DTS(out) = GST_CLOCK_TIME_NONE;
+    GST_BUFFER_DURATION(out) = gst_util_uint64_scale_int(end - position, GST_SECOND, rate);
     GST_BUFFER_OFFSET(out) = position;
-    GST_BUFFER_OFFSET_END(out) = position + (guint64)r->sample_count;
-    if (self->gap) {
+    GST_BUFFER_OFFSET_END(out) = end;
+    /* DISCONT where the output does not continue the last frame pushed (by
+     * more than the rounding of times): after frames dropped, and where the
+     * input's timestamps jump. */
+    GST_BUFFER_FLAG_UNSET(out, GST_BUFFER_FLAG_DISCONT | GST_BUFFER_FLAG_GAP | GST_BUFFER_FLAG_RESYNC);
+    const GstClockTime off = start > self->next_pts ? start - self->next_pts : self->next_pts - start;
+    if (!GST_CLOCK_TIME_IS_VALID(self->next_pts) || off > gst_util_uint64_scale_int(GST_SECOND, 1, 2 * rate))
         GST_BUFFER_FLAG_SET(out, GST_BUFFER_FLAG_DISCONT);
-        self->gap = FALSE;
+    self->next_pts = start + GST_BUFFER_DURATION(out);
+    GstMapInfo map;
+    guint8 level = SILENCE_DBOV;
+    if (gst_buffer_map(out, &map, GST_MAP_READ)) {
+        level = level_dbov(map.data, map.size / bpf * (gsize)GST_AUDIO_INFO_CHANNELS(info), GST_OKU_IS_FLOAT(info));
+        gst_buffer_unmap(out, &map);
     }
-    mark_level(out, level_dbov(r->samples, (gsize)r->sample_count), TRUE);
+    mark_level(out, level, TRUE);
     g_queue_push_tail(&self->frames, out);
 }
 
 /*
- * Takes every queued result: posts messages and, in gate mode, queues the
- * frames inside speech. received: samples of the run before the buffer just
- * given (-1 when draining at the end of a run, where holding is not latency).
+ * Takes every queued result: posts messages and, in gate mode, sorts the
+ * held input into speech and the rest. received: frames of the run before the
+ * audio just given (-1 when draining at the end of a run, where holding is
+ * not latency).
  */
 static GstFlowReturn drain(GstOkuVad* self, gint64 received)
 {
-    oku_vad_result r[32];
-    size_t count = 0;
-    do {
-        if (oku_vad_results(self->vad, r, G_N_ELEMENTS(r), &count) != OKU_OK) {
+    for (;;) {
+        oku_vad_result r;
+        oku_vad_segment segment;
+        if (oku_vad_take(self->vad, &r, &segment) != OKU_OK) {
             GST_ELEMENT_ERROR(self, LIBRARY, FAILED, ("The analyzer failed: %s", oku_last_error()), (NULL));
             return GST_FLOW_ERROR;
         }
-        /* Frames' samples stay valid until the next call on the analyzer:
-         * each batch is used up before the next is taken. */
-        for (size_t k = 0; k < count; k++) {
-            switch (r[k].type) {
-            case OKU_VAD_SPEECH_START:
-            case OKU_VAD_SPEECH_END:
-                self->in_speech = r[k].type == OKU_VAD_SPEECH_START;
-                post_voice_activity(self, &r[k]);
-                break;
-            case OKU_VAD_VOLUME:
-                post_volume(self, &r[k]);
-                break;
-            case OKU_VAD_FRAME:
-                if (!r[k].speech)
-                    self->gap = TRUE;
-                else
-                    queue_frame(self, &r[k], received);
-                break;
-            default:
-                break;
-            }
+        switch (r.type) {
+        case OKU_VAD_NONE:
+            return GST_FLOW_OK;
+        case OKU_VAD_SPEECH_START:
+        case OKU_VAD_SPEECH_END:
+            self->in_speech = r.type == OKU_VAD_SPEECH_START;
+            post_voice_activity(self, &r, &segment);
+            break;
+        case OKU_VAD_VOLUME:
+            post_volume(self, &r);
+            break;
+        case OKU_VAD_FRAME:
+            gate_frame(self, &r, received);
+            break;
+        default:
+            break;
         }
-    } while (count == G_N_ELEMENTS(r));
-    return GST_FLOW_OK;
+    }
 }
 
-/* Gate mode: pushes the frames still queued (at the end of a run, from an event handler). */
+/* Gate mode: pushes the frames decided. */
 static GstFlowReturn push_frames(GstOkuVad* self)
 {
     GstFlowReturn ret = GST_FLOW_OK;
@@ -270,6 +354,7 @@ static GstFlowReturn push_frames(GstOkuVad* self)
 
 static gboolean start_run(GstOkuVad* self)
 {
+    const GstAudioInfo* info = GST_AUDIO_FILTER_INFO(self);
     gchar* params = NULL;
     if (!gst_oku_settings_check(GST_ELEMENT(self), &self->settings, FALSE, &params))
         return FALSE;
@@ -277,9 +362,10 @@ static gboolean start_run(GstOkuVad* self)
     self->run_mode = self->mode;
     GST_OBJECT_UNLOCK(self);
     const unsigned flags = self->run_mode == GST_OKU_VAD_MODE_GATE ? OKU_VAD_AUDIO_FRAMES : 0;
-    if (oku_vad_create_ex(self->rate, params, flags, &self->vad) != OKU_OK) {
+    const int rate = GST_AUDIO_INFO_RATE(info), channels = GST_AUDIO_INFO_CHANNELS(info);
+    if (oku_vad_open(rate, channels, params, flags, &self->vad) != OKU_OK) {
         GST_ELEMENT_ERROR(self, LIBRARY, INIT, ("Cannot make the analyzer: %s", oku_last_error()),
-                          ("rate %d, parameter string \"%s\"", self->rate, params));
+                          ("%d Hz, %d channels, parameter string \"%s\"", rate, channels, params));
         g_free(params);
         self->vad = NULL;
         return FALSE;
@@ -294,11 +380,13 @@ static gboolean start_run(GstOkuVad* self)
     GST_OBJECT_UNLOCK(self);
     if (raised)
         gst_element_post_message(GST_ELEMENT(self), gst_message_new_latency(GST_OBJECT(self)));
-    gst_oku_timeline_start(&self->timeline, self->rate);
+    gst_oku_timeline_start(&self->timeline, rate);
     self->volume_posted = FALSE;
     self->in_speech = FALSE;
-    self->gap = TRUE;
-    GST_DEBUG_OBJECT(self, "new run at %d Hz", self->rate);
+    self->next_pts = GST_CLOCK_TIME_NONE;
+    self->held_position = 0;
+    self->run_nonfinite = 0;
+    GST_DEBUG_OBJECT(self, "new run: %d Hz, %d channels, analysed at %d Hz", rate, channels, oku_analysis_rate(rate));
     return TRUE;
 }
 
@@ -318,6 +406,7 @@ static GstFlowReturn end_run(GstOkuVad* self, gboolean flush)
     if (flush && ret == GST_FLOW_OK)
         ret = push_frames(self);
     g_queue_clear_full(&self->frames, (GDestroyNotify)gst_buffer_unref);
+    gst_adapter_clear(self->held);
     if (self->vad)
         oku_vad_destroy(self->vad);
     self->vad = NULL;
@@ -329,30 +418,54 @@ static GstFlowReturn end_run(GstOkuVad* self, gboolean flush)
 }
 
 /*
- * Gives the analyzer the next n samples of the stream, dated by buf; NULL
- * samples stand for n samples of silence (a gap). received (if given) is set
- * to the samples of the run before these.
+ * Gives the analyzer the next frames of the stream, dated by buf: the samples
+ * of buf itself, or, with silence set, as many frames of silence (a gap; buf
+ * then only carries the timestamp). Gate mode holds the same audio until the
+ * analyzer has decided it. Silence goes in pieces, so that a long gap holds
+ * little at a time.
  */
-static GstFlowReturn analyse(GstOkuVad* self, GstBuffer* buf, const int16_t* samples, guint64 n, gint64* received)
+static GstFlowReturn analyse(GstOkuVad* self, GstBuffer* buf, const void* samples, guint64 frames)
 {
-    static const int16_t zeros[1024];
-    const gint64 before = (gint64)self->timeline.samples;
-    if (received)
-        *received = before;
-    gst_oku_timeline_add(&self->timeline, buf, &self->segment);
-    int status = OKU_OK;
-    if (samples) {
-        status = oku_vad_process(self->vad, samples, (size_t)n);
-    } else {
-        for (guint64 done = 0; done < n && status == OKU_OK; done += G_N_ELEMENTS(zeros))
-            status = oku_vad_process(self->vad, zeros, (size_t)MIN(n - done, G_N_ELEMENTS(zeros)));
+    static const int16_t zeros[4096];
+    const GstAudioInfo* info = GST_AUDIO_FILTER_INFO(self);
+    const guint channels = (guint)GST_AUDIO_INFO_CHANNELS(info), bpf = (guint)GST_AUDIO_INFO_BPF(info);
+    const gboolean gate = self->run_mode == GST_OKU_VAD_MODE_GATE;
+    const guint64 before = self->timeline.samples;
+    gst_oku_timeline_add(&self->timeline, buf, &GST_BASE_TRANSFORM(self)->segment);
+    if (samples && gate) {
+        const gsize bytes = (gsize)frames * bpf;
+        gst_adapter_push(self->held, bytes == gst_buffer_get_size(buf)
+                                         ? gst_buffer_ref(buf)
+                                         : gst_buffer_copy_region(buf, GST_BUFFER_COPY_MEMORY, 0, bytes));
     }
-    if (status != OKU_OK) {
-        GST_ELEMENT_ERROR(self, LIBRARY, FAILED, ("The analyzer failed: %s", oku_last_error()), (NULL));
-        return GST_FLOW_ERROR;
+    const guint64 piece = samples ? MAX(frames, 1) : G_N_ELEMENTS(zeros) / channels;
+    GstFlowReturn ret = GST_FLOW_OK;
+    for (guint64 done = 0; done < frames && ret == GST_FLOW_OK; done += piece) {
+        const guint64 n = MIN(frames - done, piece);
+        int status;
+        uint64_t nonfinite = 0;
+        if (samples && GST_OKU_IS_FLOAT(info)) {
+            status = oku_vad_process_f32(self->vad, samples, (size_t)(n * channels));
+            if (status == OKU_OK && oku_vad_nonfinite(self->vad, &nonfinite) == OKU_OK)
+                gst_oku_count_nonfinite(GST_ELEMENT(self), &self->nonfinite, &self->run_nonfinite, nonfinite);
+        } else if (samples) {
+            status = oku_vad_process(self->vad, samples, (size_t)(n * channels));
+        } else {
+            if (gate) {
+                GstBuffer* silence = gst_buffer_new_allocate(NULL, (gsize)n * bpf, NULL);
+                gst_buffer_memset(silence, 0, 0, (gsize)n * bpf);
+                gst_adapter_push(self->held, silence);
+            }
+            status = oku_vad_process(self->vad, zeros, (size_t)(n * channels));
+        }
+        if (status != OKU_OK) {
+            GST_ELEMENT_ERROR(self, LIBRARY, FAILED, ("The analyzer failed: %s", oku_last_error()), (NULL));
+            return GST_FLOW_ERROR;
+        }
+        self->timeline.samples += n;
+        ret = drain(self, (gint64)(before + done));
     }
-    self->timeline.samples += n;
-    return drain(self, before);
+    return ret;
 }
 
 /* Analyses a buffer; *level receives its level for the meta. */
@@ -360,18 +473,21 @@ static GstFlowReturn analyse_buffer(GstOkuVad* self, GstBuffer* buf, guint8* lev
 {
     if (!self->vad && !start_run(self))
         return GST_FLOW_ERROR;
+    const GstAudioInfo* info = GST_AUDIO_FILTER_INFO(self);
     GstMapInfo map;
     if (!gst_buffer_map(buf, &map, GST_MAP_READ)) {
         GST_ELEMENT_ERROR(self, RESOURCE, READ, (NULL), ("cannot map a buffer"));
         return GST_FLOW_ERROR;
     }
-    if (map.size % 2)
-        GST_WARNING_OBJECT(self, "a buffer of %" G_GSIZE_FORMAT " bytes: its last byte is ignored", map.size);
-    const guint64 n = map.size / 2;
+    const guint bpf = (guint)GST_AUDIO_INFO_BPF(info);
+    if (map.size % bpf)
+        GST_WARNING_OBJECT(self, "a buffer of %" G_GSIZE_FORMAT " bytes, not a whole number of %u-byte frames: "
+                           "its last %" G_GSIZE_FORMAT " bytes are ignored", map.size, bpf, map.size % bpf);
+    const guint64 frames = map.size / bpf;
     const gboolean gap = GST_BUFFER_FLAG_IS_SET(buf, GST_BUFFER_FLAG_GAP);
-    const int16_t* samples = gap ? NULL : (const int16_t*)map.data;
-    *level = level_dbov(samples, (gsize)n);
-    const GstFlowReturn ret = analyse(self, buf, samples, n, NULL);
+    const void* samples = gap ? NULL : map.data;
+    *level = level_dbov(samples, (gsize)frames * GST_AUDIO_INFO_CHANNELS(info), GST_OKU_IS_FLOAT(info));
+    const GstFlowReturn ret = analyse(self, buf, samples, frames);
     gst_buffer_unmap(buf, &map);
     return ret;
 }
@@ -390,9 +506,11 @@ static GstFlowReturn gst_oku_vad_transform_ip(GstBaseTransform* trans, GstBuffer
 }
 
 /*
- * Pass mode leaves the output to the base class (it calls transform_ip);
- * gate mode hands out the speech frames decided, one per call, the input
- * buffer having gone to the analyzer on the first.
+ * Pass mode leaves the output to the base class (it calls transform_ip).
+ * Gate mode gives the input buffer to the analyzer and pushes the speech
+ * frames decided itself, flagged as they follow one another: the base class
+ * would mark the first buffer out after a DISCONT input, which in a delayed
+ * output is the wrong one.
  */
 static GstFlowReturn gst_oku_vad_generate_output(GstBaseTransform* trans, GstBuffer** outbuf)
 {
@@ -406,25 +524,22 @@ static GstFlowReturn gst_oku_vad_generate_output(GstBaseTransform* trans, GstBuf
     }
     if (!self->vad || self->run_mode == GST_OKU_VAD_MODE_PASS)
         return GST_BASE_TRANSFORM_CLASS(gst_oku_vad_parent_class)->generate_output(trans, outbuf);
-    GstFlowReturn ret = GST_FLOW_OK;
-    if (in) {
-        trans->queued_buf = NULL;
-        guint8 level;
-        ret = analyse_buffer(self, in, &level);
-        gst_buffer_unref(in);
-    }
-    if (ret == GST_FLOW_OK)
-        *outbuf = g_queue_pop_head(&self->frames);
-    return ret;
+    if (!in)
+        return GST_FLOW_OK;
+    trans->queued_buf = NULL;
+    guint8 level;
+    GstFlowReturn ret = analyse_buffer(self, in, &level);
+    gst_buffer_unref(in);
+    return ret == GST_FLOW_OK ? push_frames(self) : ret;
 }
 
+/* New caps (rate, channels or format) end the run, its open speech closed,
+ * before they go downstream; the next buffer starts a run for them. */
 static gboolean gst_oku_vad_setup(GstAudioFilter* filter, const GstAudioInfo* info)
 {
     GstOkuVad* self = GST_OKU_VAD(filter);
-    if (GST_AUDIO_INFO_RATE(info) != self->rate) {
+    if (!gst_audio_info_is_equal(info, GST_AUDIO_FILTER_INFO(filter)))
         end_run(self, TRUE);
-        self->rate = GST_AUDIO_INFO_RATE(info);
-    }
     return TRUE;
 }
 
@@ -432,31 +547,16 @@ static gboolean gst_oku_vad_sink_event(GstBaseTransform* trans, GstEvent* event)
 {
     GstOkuVad* self = GST_OKU_VAD(trans);
     switch (GST_EVENT_TYPE(event)) {
-    case GST_EVENT_CAPS: {
-        /* The end of the old run goes out before the new caps. */
-        GstCaps* caps;
-        GstAudioInfo info;
-        gst_event_parse_caps(event, &caps);
-        if (gst_audio_info_from_caps(&info, caps) && GST_AUDIO_INFO_RATE(&info) != self->rate)
-            end_run(self, TRUE);
-        break;
-    }
-    case GST_EVENT_SEGMENT:
-        gst_event_copy_segment(event, &self->segment);
-        if (self->segment.format != GST_FORMAT_TIME) {
-            GST_DEBUG_OBJECT(self, "not a TIME segment: times follow the samples from 0");
-            gst_segment_init(&self->segment, GST_FORMAT_TIME);
-        }
-        break;
     case GST_EVENT_GAP: {
-        /* Silence of the gap's length, so that positions keep counting the stream's samples. */
+        /* Silence of the gap's length, so that positions keep counting the stream's frames. */
         GstClockTime pts, duration;
         gst_event_parse_gap(event, &pts, &duration);
-        if (self->rate > 0 && GST_CLOCK_TIME_IS_VALID(duration) && (self->vad || start_run(self))) {
+        const int rate = GST_AUDIO_INFO_RATE(GST_AUDIO_FILTER_INFO(self));
+        if (rate > 0 && GST_CLOCK_TIME_IS_VALID(duration) && (self->vad || start_run(self))) {
             GstBuffer* stamp = gst_buffer_new();
             GST_BUFFER_PTS(stamp) = pts;
-            const guint64 n = gst_util_uint64_scale_int_round(duration, self->rate, GST_SECOND);
-            GstFlowReturn ret = analyse(self, stamp, NULL, n, NULL);
+            const guint64 n = gst_util_uint64_scale_int_round(duration, rate, GST_SECOND);
+            GstFlowReturn ret = analyse(self, stamp, NULL, n);
             gst_buffer_unref(stamp);
             if (ret == GST_FLOW_OK)
                 push_frames(self);
@@ -465,7 +565,6 @@ static gboolean gst_oku_vad_sink_event(GstBaseTransform* trans, GstEvent* event)
     }
     case GST_EVENT_FLUSH_STOP:
         end_run(self, FALSE);
-        gst_segment_init(&self->segment, GST_FORMAT_TIME);
         break;
     case GST_EVENT_EOS:
         end_run(self, TRUE);
@@ -515,19 +614,16 @@ static gboolean gst_oku_vad_start(GstBaseTransform* trans)
     GstOkuVad* self = GST_OKU_VAD(trans);
     if (!gst_oku_settings_check(GST_ELEMENT(self), &self->settings, TRUE, NULL))
         return FALSE;
-    self->rate = 0;
-    gst_segment_init(&self->segment, GST_FORMAT_TIME);
     GST_OBJECT_LOCK(self);
     self->answered = 0;
+    self->nonfinite = 0;
     GST_OBJECT_UNLOCK(self);
     return TRUE;
 }
 
 static gboolean gst_oku_vad_stop(GstBaseTransform* trans)
 {
-    GstOkuVad* self = GST_OKU_VAD(trans);
-    end_run(self, FALSE);
-    self->rate = 0;
+    end_run(GST_OKU_VAD(trans), FALSE);
     return TRUE;
 }
 
@@ -563,6 +659,9 @@ static void gst_oku_vad_get_property(GObject* object, guint prop_id, GValue* val
     case PROP_INTERVAL:
         g_value_set_uint64(value, self->interval);
         break;
+    case PROP_NONFINITE:
+        g_value_set_uint64(value, self->nonfinite);
+        break;
     default:
         if (!gst_oku_settings_get(&self->settings, PROP_SETTINGS, prop_id, value))
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, prop_id, pspec);
@@ -577,6 +676,7 @@ static void gst_oku_vad_finalize(GObject* object)
     if (self->vad)
         oku_vad_destroy(self->vad);
     g_queue_clear_full(&self->frames, (GDestroyNotify)gst_buffer_unref);
+    g_object_unref(self->held);
     gst_oku_settings_clear(&self->settings);
     G_OBJECT_CLASS(gst_oku_vad_parent_class)->finalize(object);
 }
@@ -605,28 +705,19 @@ static void gst_oku_vad_class_init(GstOkuVadClass* klass)
         g_param_spec_uint64("interval", "Interval",
                             "Least audio between two oku-volume messages in ns (0: every reading)", 0, G_MAXUINT64,
                             DEFAULT_INTERVAL, G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING));
+    g_object_class_install_property(gobject_class, PROP_NONFINITE,
+                                    g_param_spec_uint64("nonfinite", "Non-finite samples", GST_OKU_NONFINITE_BLURB, 0,
+                                                        G_MAXUINT64, 0, G_PARAM_READABLE | G_PARAM_STATIC_STRINGS));
     gst_oku_settings_install(gobject_class, OKU_SERVICE_VAD, PROP_SETTINGS);
 
     GstCaps* caps = gst_oku_caps_new();
     gst_audio_filter_class_add_pad_templates(filter_class, caps);
     gst_caps_unref(caps);
-    gchar* rates = gst_oku_rates_text();
-    gchar* description = g_strdup_printf(
-        "Finds speech in S16 mono audio at %s. Posts a \"voice-activity\" element message where speech "
-        "starts and where it ends (stream-time, stream-has-voice, running-time, position), dated where the "
-        "analyzer dates it, and \"oku-volume\" meter readings at most once per interval (stream-time, "
-        "running-time, position, peak, level-dbfs, snr-pct, assessment, speech). Every buffer it passes "
-        "carries a GstAudioLevelMeta (its level in -dBov and whether it lies in speech) for RTP's audio-level "
-        "header extension. mode=pass lets the audio through untouched; mode=gate lets through only the "
-        "20 ms frames inside speech, with their timestamps, later by the analyzer's decision delay, which the "
-        "LATENCY query reports. GAP buffers are silence to the analyzer. The meter by design: a run's first "
-        "readings fall from 0 dBFS, snr-pct may be negative in speech, and too_noisy takes precedence over "
-        "too_loud and too_soft for as long as the noise estimate lasts. Manual: %s",
-        rates, OKU_GST_MANUAL);
-    gst_element_class_set_metadata(element_class, "Voice activity analyzer", "Filter/Analyzer/Audio", description,
-                                   "oku developers");
-    g_free(description);
-    g_free(rates);
+    gst_element_class_set_static_metadata(element_class, "Voice activity analyzer", "Filter/Analyzer/Audio",
+                                          "Posts where speech starts and ends and the volume meter's readings; "
+                                          "can pass only the speech",
+                                          "oku developers");
+    gst_element_class_add_static_metadata(element_class, GST_ELEMENT_METADATA_DOC_URI, OKU_GST_MANUAL);
     gst_type_mark_as_plugin_api(GST_TYPE_OKU_VAD_MODE, 0);
 
     trans_class->transform_ip = GST_DEBUG_FUNCPTR(gst_oku_vad_transform_ip);
@@ -644,5 +735,5 @@ static void gst_oku_vad_init(GstOkuVad* self)
     self->mode = DEFAULT_MODE;
     self->interval = DEFAULT_INTERVAL;
     g_queue_init(&self->frames);
-    gst_segment_init(&self->segment, GST_FORMAT_TIME);
+    self->held = gst_adapter_new();
 }
