@@ -2,6 +2,7 @@
 
     >>> import oku
     >>> cut = oku.segment_file("talk.flac")              # a file, any format libsndfile reads
+    >>> samples, rate = oku.read_file("talk.flac")       # its samples, as segment_file reads them
     >>> with oku.Vad(48000, channels=2) as vad:          # a whole recording in memory
     ...     for seg in vad.segments(samples):
     ...         print(seg.start_ms, seg.end_ms)
@@ -34,12 +35,12 @@ from ._agc import Agc, Decision
 from ._facts import (ASSESSMENTS, CONTROLS, INPUT_RATES, MAX_CHANNELS, RATES, RESULT_TYPES, Setting, __version__,
                      analysis_rate, check_params, chunk_samples, gain_from_volume, nearest_rate, settings,
                      unknown_keys, volume_from_gain)
-from ._files import FileSegments, segment_file
+from ._files import FileSegments, read_file, segment_file
 from ._lib import LIBRARY_PATH, OkuError
 from ._vad import Frame, Result, Segment, SpeechEnd, SpeechStart, Vad, Volume, process_many, to_segments
 
 __all__ = [
-    "Vad", "Agc", "process_many", "segment_file", "FileSegments",
+    "Vad", "Agc", "process_many", "segment_file", "read_file", "FileSegments",
     "SpeechStart", "SpeechEnd", "Volume", "Frame", "Result", "Segment", "Decision", "to_segments",
     "INPUT_RATES", "RATES", "MAX_CHANNELS", "RESULT_TYPES", "ASSESSMENTS", "CONTROLS", "analysis_rate",
     "nearest_rate", "Setting", "settings", "check_params", "unknown_keys", "chunk_samples", "gain_from_volume",

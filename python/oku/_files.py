@@ -19,6 +19,7 @@ from typing import Any, Iterator, Optional, Tuple
 from ._facts import check_params, chunk_samples
 from ._vad import SEGMENTS_CHUNK_MS, Segment, Vad
 
+
 @dataclass(frozen=True)
 class FileSegments:
     """The speech segments of one file, with what was read of it."""
@@ -52,69 +53,97 @@ def segment_file(path: "os.PathLike[str] | str", params: Optional[str] = None, *
     (FileSegments tells both); ImportError without the soundfile package.
     """
     check_params("vad", params)
-    name = os.fspath(path)
-    if os.path.isdir(name):
-        raise IsADirectoryError(errno.EISDIR, os.strerror(errno.EISDIR), name)
-    with open(name, "rb"):  # the file system's own error for a missing or unreadable file
-        pass
-    source = _open(name)
+    source = _open(path)
     try:
         try:
             vad = Vad(source.rate, params, channels=source.channels)
         except ValueError as e:  # a rate or channel count the library does not take
-            raise ValueError("%s: %s" % (name, e)) from None
+            raise ValueError("%s: %s" % (source.path, e)) from None
+        pointer = ctypes.POINTER(ctypes.c_float if source.floats else ctypes.c_int16)
+        blocks = ((b.ctypes.data_as(pointer), b.size) for b in source.blocks(SEGMENTS_CHUNK_MS))
         with vad:
-            segments = vad._cut(source.blocks(chunk_samples(source.rate, SEGMENTS_CHUNK_MS)), source.floats, max_ms)
+            segments = vad._cut(blocks, source.floats, max_ms)
     finally:
         source.close()
-    if source.frames == 0:
-        raise ValueError("%s: no audio in it (empty)" % name)
-    if source.declared is not None and source.declared != source.frames:
-        warnings.warn("%s: %d frames decoded, its header declares %d (a truncated file?)"
-                      % (name, source.frames, source.declared), stacklevel=2)
-    return FileSegments(name, source.rate, source.channels, source.frames, source.declared, tuple(segments))
+    source.check_length()
+    return FileSegments(source.path, source.rate, source.channels, source.frames, source.declared, tuple(segments))
+
+
+def read_file(path: "os.PathLike[str] | str") -> Tuple[Any, int]:
+    """The samples of an audio file as segment_file hands them to the library,
+    and its rate: a numpy array of one row per frame and one column per
+    channel, int16 for 16-bit PCM and float32 for everything else, for
+    Vad.process or Agc.process in chunks of your own. The whole file is read
+    into memory. Errors and warnings as segment_file's."""
+    import numpy
+    source = _open(path)
+    try:
+        blocks = [b.copy() for b in source.blocks(1000.0)]
+    finally:
+        source.close()
+    source.check_length()
+    return numpy.concatenate(blocks), source.rate
 
 
 class _Source:
-    """An open file: its rate, channels and sample kind, and its blocks of
-    interleaved samples as the library takes them (pointer, count)."""
+    """An open file: its rate, channels and sample kind, and its blocks as
+    numpy arrays of frames x channels (int16 or float32)."""
 
     rate = channels = frames = 0
     floats = True
     declared: Optional[int] = None
 
-    def blocks(self, frames: int) -> Iterator[Tuple[Any, int]]:
+    def __init__(self, path: str) -> None:
+        self.path = path
+
+    def blocks(self, ms: float) -> Iterator[Any]:
+        """Blocks of `ms` each (the last may be shorter), valid until the next one."""
         raise NotImplementedError
 
     def close(self) -> None:
         raise NotImplementedError
 
+    def check_length(self) -> None:
+        """After the last block: ValueError for no audio, a warning for fewer
+        frames than the header declares."""
+        if self.frames == 0:
+            raise ValueError("%s: no audio in it (empty)" % self.path)
+        if self.declared is not None and self.declared != self.frames:
+            warnings.warn("%s: %d frames decoded, its header declares %d (a truncated file?)"
+                          % (self.path, self.frames, self.declared), stacklevel=3)
+
 
 class _SoundFile(_Source):
     def __init__(self, path: str, file: Any) -> None:
-        self._path, self._file = path, file
+        super().__init__(path)
+        self._file = file
         self.rate, self.channels = file.samplerate, file.channels
         self.floats = file.subtype != "PCM_16"
         self.declared = _wav_declared_frames(path)
 
-    def blocks(self, frames: int) -> Iterator[Tuple[Any, int]]:
-        dtype, item = ("float32", ctypes.c_float) if self.floats else ("int16", ctypes.c_int16)
+    def blocks(self, ms: float) -> Iterator[Any]:
+        frames = chunk_samples(self.rate, ms)
         while True:
             try:
-                block = self._file.read(frames, dtype=dtype, always_2d=True)
+                block = self._file.read(frames, dtype="float32" if self.floats else "int16", always_2d=True)
             except RuntimeError as e:  # soundfile's LibsndfileError
                 raise ValueError("%s: cannot read it to the end (%s after %d of %d frames)"
-                                 % (self._path, e, self.frames, self._file.frames)) from None
+                                 % (self.path, e, self.frames, self._file.frames)) from None
             if len(block) == 0:
                 return
             self.frames += len(block)
-            yield block.ctypes.data_as(ctypes.POINTER(item)), block.size
+            yield block
 
     def close(self) -> None:
         self._file.close()
 
 
-def _open(path: str) -> _Source:
+def _open(path: "os.PathLike[str] | str") -> _Source:
+    path = os.fspath(path)
+    if os.path.isdir(path):
+        raise IsADirectoryError(errno.EISDIR, os.strerror(errno.EISDIR), path)
+    with open(path, "rb"):  # the file system's own error for a missing or unreadable file
+        pass
     try:
         import soundfile
     except ImportError:
@@ -194,7 +223,7 @@ class _Mpeg(_Source):
     for a file of variable bit rate without a header giving the length."""
 
     def __init__(self, path: str) -> None:
-        self._path = path
+        super().__init__(path)
         m = _load_mpg123()
         if m is None:
             raise ValueError("%s: MPEG audio is read with libmpg123, which is not installed (libsndfile alone "
@@ -218,10 +247,10 @@ class _Mpeg(_Source):
         for i in range(count.value):
             m.mpg123_format(h, rates[i], _MPG123_MONO_OR_STEREO, _MPG123_ENC_FLOAT_32)
         rate, channels, encoding = ctypes.c_long(), ctypes.c_int(), ctypes.c_int()
-        if (m.mpg123_open(h, os.fsencode(self._path)) != _MPG123_OK
+        if (m.mpg123_open(h, os.fsencode(self.path)) != _MPG123_OK
                 or m.mpg123_getformat(h, ctypes.byref(rate), ctypes.byref(channels), ctypes.byref(encoding))
                 != _MPG123_OK):
-            raise ValueError("%s: cannot decode MPEG audio: %s" % (self._path, self._error(m)))
+            raise ValueError("%s: cannot decode MPEG audio: %s" % (self.path, self._error(m)))
         m.mpg123_format_none(h)  # one format for the whole stream
         m.mpg123_format(h, rate.value, channels.value, encoding.value)
         self.rate, self.channels = rate.value, channels.value
@@ -229,20 +258,21 @@ class _Mpeg(_Source):
     def _error(self, m: Any) -> str:
         return m.mpg123_strerror(self._handle).decode("utf-8", "replace")
 
-    def blocks(self, frames: int) -> Iterator[Tuple[Any, int]]:
+    def blocks(self, ms: float) -> Iterator[Any]:
+        import numpy
         m = _mpg123
-        buffer = (ctypes.c_float * (frames * self.channels))()
-        frame_bytes = ctypes.sizeof(ctypes.c_float) * self.channels
+        buffer = numpy.empty((chunk_samples(self.rate, ms), self.channels), numpy.float32)
         done = ctypes.c_size_t()
         while True:
-            status = m.mpg123_read(self._handle, buffer, ctypes.sizeof(buffer), ctypes.byref(done))
-            if done.value >= frame_bytes:
-                self.frames += done.value // frame_bytes
-                yield buffer, done.value // frame_bytes * self.channels
+            status = m.mpg123_read(self._handle, buffer.ctypes.data, buffer.nbytes, ctypes.byref(done))
+            if done.value >= buffer.itemsize * self.channels:
+                frames = done.value // (buffer.itemsize * self.channels)
+                self.frames += frames
+                yield buffer[:frames]
             elif status == _MPG123_DONE:
                 return
             elif status not in (_MPG123_OK, _MPG123_NEW_FORMAT):
-                raise ValueError("%s: cannot decode: %s" % (self._path, self._error(m)))
+                raise ValueError("%s: cannot decode: %s" % (self.path, self._error(m)))
 
     def close(self) -> None:
         _mpg123.mpg123_close(self._handle)

@@ -76,21 +76,18 @@ class RefusalTest(unittest.TestCase):
                   (ValueError, stereo.process, ([1, 2, 3],)), (TypeError, vad.process, ([0.5, 1.0],)),
                   (TypeError, vad.process, ("audio",)), (TypeError, vad.process, (array.array("H", [1]),)),
                   (TypeError, oku.process_many, ([vad, stereo], [[0], array.array("f", [0.0, 0.0])])),
-                  (TypeError, oku.process_many, ([vad, agc], [[0], [0]])),
-                  (TypeError, oku.process_many, ([vad, stereo], [[0], "audio"]))]
+                  (TypeError, oku.process_many, ([vad, agc], [[0], [0]]))]
         closed = oku.Vad(16000)
         closed.close()
-        cases += [(ValueError, oku.process_many, (vads, chunks)) for vads, chunks in (
-                  ([vad, stereo], [[0]]), ([vad, vad], [[0], [0]]), ([vad, closed], [[0], [0]]),
-                  ([vad, stereo], [[0], [1, 70000]]))]
+        cases += [(ValueError, oku.process_many, (vads, chunks)) for vads, chunks in (([vad, stereo], [[0]]),
+                  ([vad, vad], [[0], [0]]), ([vad, closed], [[0], [0]]), ([vad, stereo], [[0], [1, 70000]]))]
         if numpy is not None:
             cases += [(ValueError, vad.process, (numpy.zeros((2, 2, 2), numpy.float32),)),
                       (TypeError, vad.process, (numpy.zeros(320, numpy.int32),)),
                       (TypeError, vad.process, (numpy.zeros(320, ">i2" if numpy.little_endian else "<i2"),))]
         cases += [(ValueError, vad.segments, ([0] * 320,) + bad) for bad in ((0,), (float("nan"),), (20, -1))]
-        cases += [(TypeError, vad.segments, ([0] * 320, "20"))]
         cases += [(ValueError, agc.process, ([0] * 320, gain)) for gain in (1.5, float("nan"), 10 ** 400)]
-        cases += [(TypeError, agc.process, ([0] * 320, gain)) for gain in ("0.5", True)]
+        cases += [(TypeError, vad.segments, ([0] * 320, "20")), (TypeError, agc.process, ([0] * 320, "0.5"))]
         for error, call, args in cases:
             with self.subTest(call=getattr(call, "__qualname__", call), args=args):
                 kwargs = {"channels": args[3]} if len(args) > 3 else {}  # creating one: channels by keyword
@@ -165,7 +162,6 @@ class ProcessManyTest(unittest.TestCase):
 
 class FactsTest(unittest.TestCase):
     def test_settings_chunks_and_unknown_keys(self):
-        self.assertEqual(420, {s.key: s.default for s in oku.settings("vad")}["EOSTimeoutMs"])
         self.assertRaises(ValueError, oku.check_params, "gst", None)
         self.assertRaises(ValueError, oku.gain_from_volume, 2 ** 64, 65535)  # not wrapped to 0
         self.assertEqual(3, oku.chunk_samples(8000, 0.3125))  # halves up, where round() gives 2
@@ -179,16 +175,15 @@ class FactsTest(unittest.TestCase):
             _fields_ = [("type", ctypes.c_int32)]
 
         problems = _lib.mismatches(_lib.lib, "0.0.0", {"oku_vad_result": Short, "oku_agc_decision": _lib.AgcDecision})
-        self.assertEqual(2, len(problems))
-        self.assertIn("version %s, the package 0.0.0" % oku.__version__, problems[0])
-        self.assertRegex(problems[1], r"^oku_vad_result is \d+ bytes in the library, 4 in the package$")
+        self.assertEqual(["the library is version %s, the package 0.0.0" % oku.__version__,
+                          "oku_vad_result is %d bytes in the library, 4 in the package"
+                          % _lib.lib.oku_struct_size(b"oku_vad_result")], problems)
 
     def test_oku_library_names_a_file(self):
         with tempfile.TemporaryDirectory() as folder:
             for value, problem in ((folder, "is a folder"), (os.path.join(folder, "gone.so"), "no such file")):
                 path, tried = _lib.candidate(folder, {"OKU_LIBRARY": value})
-                self.assertIsNone(path)
-                self.assertIn(problem, tried[-1])
+                self.assertEqual((None, True), (path, problem in tried[-1]))
         path, _ = _lib.candidate(folder, {"OKU_LIBRARY": oku.LIBRARY_PATH})
         self.assertEqual(os.path.abspath(oku.LIBRARY_PATH), path)
 

@@ -2,7 +2,6 @@
 source tree with the build tools of this interpreter (skipped, with the reason,
 without them), installed into an empty folder, and imported elsewhere by a
 fresh interpreter whose environment holds nothing but PYTHONPATH."""
-import importlib
 import importlib.util
 import json
 import os
