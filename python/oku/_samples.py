@@ -39,13 +39,15 @@ class Audio:
                             "x.astype(numpy.float32)" % (view.format, view.itemsize))
         if view.ndim == 2:
             if view.shape[1] != channels:
-                raise ValueError("samples have %d columns (channels), but the %s takes %d"
-                                 % (view.shape[1], what, channels))
+                raise ValueError("samples have %d columns, but the %s takes %d channel(s): one row per frame, one "
+                                 "column per channel" % (view.shape[1], what, channels))
         elif view.ndim != 1:
             raise ValueError("samples must be one-dimensional (interleaved) or frames x channels, not of shape "
                              "%s" % ("x".join(map(str, view.shape or ())) or "a single value"))
-        if view.ndim != 1 or not view.c_contiguous:
+        if not view.c_contiguous:
             view = memoryview(view.tobytes()).cast(code)  # rows in order, columns interleaved
+        elif view.ndim != 1:
+            view = view.cast("B").cast(code)  # the same memory, flat
         self.code = code
         self.floats = code != "h"
         self._view = view
