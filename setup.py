@@ -7,11 +7,20 @@ small generated module, oku/_built.py, that names the file and the version the
 package was built for. The wheel is therefore tied to this platform but to no
 particular Python 3: it is tagged py3-none-<platform>.
 
+On Linux with glibc the copy links the C++ runtime in and binds to symbol
+versions of glibc 2.28 (python/wheel_runtime.c), so that it loads on older
+systems; the wheel's platform tag is then read from the library that was
+built: manylinux_2_28 when it needs nothing newer and no library beyond the
+C runtime's, the plain platform tag otherwise.
+
 The version is the library's, read from the project() line of CMakeLists.txt.
 """
 import os
+import platform
 import re
+import shutil
 import subprocess
+import sys
 
 from setuptools import Command, Distribution, setup
 
@@ -41,6 +50,48 @@ def library_version():
     return match.group(1)
 
 
+# What a manylinux_2_28 library may need: libraries of the C runtime, and
+# glibc symbol versions up to 2.28.
+MANYLINUX = (2, 28)
+RUNTIME_LIBRARIES = re.compile(r"^(libc\.so\.6|libm\.so\.6|libgcc_s\.so\.1|libpthread\.so\.0|libdl\.so\.2|"
+                               r"librt\.so\.1|ld-linux[\w.-]*\.so\.\d)$")
+
+
+def portable_runtime_flags(folder):
+    """Linker flags that put the C++ runtime into the library and bind it to
+    old glibc versions, or [] where that is not done (then the wheel is for
+    systems like this one only)."""
+    if not sys.platform.startswith("linux") or platform.libc_ver()[0] != "glibc":
+        return []
+    compiler = os.environ.get("CC") or shutil.which("cc") or shutil.which("gcc")
+    stub = os.path.join(folder, "wheel_runtime.o")
+    os.makedirs(folder, exist_ok=True)
+    try:
+        subprocess.run([compiler or "cc", "-c", "-fPIC", "-O2", os.path.join(ROOT, "python", "wheel_runtime.c"),
+                        "-o", stub], check=True)
+    except (OSError, subprocess.CalledProcessError) as e:
+        print("setup.py: the library links the system's C++ runtime (python/wheel_runtime.c: %s)" % e, flush=True)
+        return []
+    return ["-static-libstdc++", "-Wl,--gc-sections", "-Wl,--wrap=pthread_once", stub,
+            "-Wl,--push-state,--no-as-needed", "-l:libpthread.so.0", "-Wl,--pop-state"]
+
+
+def manylinux_tag(library, plain):
+    """manylinux_2_28_<arch> for `plain` (linux_<arch>) when the library
+    needs only the C runtime's libraries and glibc 2.28 or older, else `plain`."""
+    try:
+        dump = subprocess.run(["objdump", "-p", library], capture_output=True, text=True, check=True).stdout
+    except (OSError, subprocess.CalledProcessError):
+        return plain
+    needed = re.findall(r"^\s*NEEDED\s+(\S+)", dump, flags=re.M)
+    versions = re.findall(r"\s(\w+?)_(\d+(?:\.\d+)*)$", dump.split("Version References:")[-1], flags=re.M)
+    glibc = [tuple(map(int, v.split(".")))[:2] for name, v in versions if name == "GLIBC"]
+    if any(name in ("GLIBCXX", "CXXABI") for name, _ in versions) or not all(map(RUNTIME_LIBRARIES.match, needed)) \
+            or not glibc or max(glibc) > MANYLINUX or not plain.startswith("linux_"):
+        return plain
+    return "manylinux_%d_%d_%s" % (MANYLINUX + (plain[len("linux_"):],))
+
+
 def run_cmake(args):
     print("cmake " + " ".join(args), flush=True)
     try:
@@ -64,11 +115,16 @@ class BuildLibrary(Command):
     def finalize_options(self):
         self.set_undefined_options("build", ("build_temp", "build_temp"), ("build_lib", "build_lib"))
 
+    # The library file of the last build, for the wheel's platform tag.
+    built = None
+
     def run(self):
         folder = os.path.abspath(os.path.join(self.build_temp, "cmake"))
         output = os.path.join(folder, "lib")
+        flags = [os.environ.get("LDFLAGS", "")] + portable_runtime_flags(os.path.join(folder, "runtime"))
         run_cmake(["-S", ROOT, "-B", folder, "-DCMAKE_BUILD_TYPE=Release", "-DOKU_BUILD_TESTS=OFF",
-                   "-DOKU_BUILD_TOOLS=OFF", "-DOKU_BUILD_EXAMPLES=OFF",
+                   "-DOKU_BUILD_TOOLS=OFF", "-DOKU_BUILD_EXAMPLES=OFF", "-DOKU_BUILD_GST=OFF",
+                   "-DCMAKE_SHARED_LINKER_FLAGS=" + " ".join(f for f in flags if f),
                    "-DCMAKE_LIBRARY_OUTPUT_DIRECTORY=" + output])
         jobs = os.environ.get("CMAKE_BUILD_PARALLEL_LEVEL") or str(os.cpu_count() or 1)
         run_cmake(["--build", folder, "--target", "OKUVAD", "--parallel", jobs])
@@ -83,6 +139,7 @@ class BuildLibrary(Command):
         package = os.path.join(self.build_lib, "oku")
         self.mkpath(package)
         self.copy_file(os.path.realpath(link), os.path.join(package, name))
+        BuildLibrary.built = os.path.realpath(link)
         built = os.path.join(package, "_built.py")
         self.announce("writing " + built, level=2)
         with open(built, "w", encoding="utf-8") as f:
@@ -105,7 +162,8 @@ if bdist_wheel is not None:
     class BdistWheel(bdist_wheel):
         def get_tag(self):
             # Only ctypes between Python and the library: any Python 3 of this platform.
-            return ("py3", "none", super().get_tag()[2])
+            plain = super().get_tag()[2]
+            return ("py3", "none", manylinux_tag(BuildLibrary.built, plain) if BuildLibrary.built else plain)
 else:
     class BdistWheel(Command):
         """Says what is missing, instead of setuptools' "invalid command 'bdist_wheel'"."""

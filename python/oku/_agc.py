@@ -1,12 +1,12 @@
 """The automatic gain control."""
 import ctypes
 from dataclasses import dataclass
-from typing import Callable, List, Optional, Tuple
+from typing import Any, Callable, Dict, List, Optional, Tuple
 
-from ._facts import CONTROLS, check_gain, check_rate, encode_params, warn_unknown_keys
+from ._facts import CONTROLS, check_gain, encode_params, warn_unknown_keys
 from ._handle import Handle
 from ._lib import LOG_FN, AgcDecision, check, lib
-from ._samples import as_samples
+from ._samples import Audio
 
 
 @dataclass(frozen=True)
@@ -24,7 +24,7 @@ class Decision:
 class Agc(Handle):
     """The automatic gain control: proposes the next input gain from captured audio.
 
-    - rate: the sampling rate in Hz, an int equal to one of RATES
+    - rate: the input sampling rate in Hz, an int from INPUT_RATES
     - params: the parameter string (keys in settings("agc")), or None for the
       defaults; a bad string raises ValueError with the library's message, a
       key the gain control does not read is ignored with a warning
@@ -33,21 +33,22 @@ class Agc(Handle):
       raised again by that process() call once the library has returned; the
       audio has then been taken into account (decision() tells what was
       decided) and the rest of that call's lines are not passed on.
+    - channels: interleaved channels per input frame, 1 to MAX_CHANNELS
 
-    close() (or a `with` block) releases the gain control at once.
+    close() (or a `with` block) releases the gain control at once. An Agc
+    pickles (and copies) as its arguments: the copy is a fresh gain control.
     """
 
     _what = "gain control"
 
     def __init__(self, rate: int, params: Optional[str] = None,
-                 log: Optional[Callable[[str], object]] = None) -> None:
-        super().__init__(lib.oku_agc_destroy)
-        self._rate = check_rate(rate)
+                 log: Optional[Callable[[str], object]] = None, *, channels: int = 1) -> None:
+        super().__init__(lib.oku_agc_destroy, rate, channels)
         if log is not None and not callable(log):
             raise TypeError("log must be callable or None, not %s" % type(log).__name__)
-        pointer = ctypes.c_void_p()
-        check(lib.oku_agc_create(self._rate, encode_params(params), ctypes.byref(pointer)))
-        self._pointer = pointer
+        self._params, self._log = params, log
+        self._open(lib.oku_agc_open, encode_params(params), 0)
+        pointer = self._pointer
         # The callback holds the list, not the object, so that the object is
         # freed as soon as it is no longer used.
         self._log_errors: List[BaseException] = []
@@ -57,23 +58,28 @@ class Agc(Handle):
             check(lib.oku_agc_set_log(pointer, self._log_fn, None))
         warn_unknown_keys("agc", params, stacklevel=2)
 
+    def _arguments(self) -> Tuple[Tuple[Any, ...], Dict[str, Any]]:
+        return (self._rate, self._params, self._log), {"channels": self._channels}
+
     @property
-    def rate(self) -> int:
-        """The sampling rate in Hz."""
-        return self._rate
+    def nonfinite(self) -> int:
+        """How many NaN or infinite float samples the gain control has met (each taken as 0)."""
+        return self._nonfinite(lib.oku_agc_nonfinite)
 
     def process(self, samples: object, gain: float) -> Tuple[float, Decision]:
         """Analyses a chunk captured at `gain` (0 to 1; 0 asks for a starting
         gain). Returns the gain to apply next and the last decision: when
         decision.changed is False the gain returned is `gain` itself, so a
         host applies the new gain exactly when decision.changed is True."""
-        data, n = as_samples(samples)
+        audio = Audio(samples, self._channels, self._what)
+        data, n = audio.piece()
         given = check_gain(gain)
+        process = lib.oku_agc_process_f32 if audio.floats else lib.oku_agc_process
         new_gain = ctypes.c_double()
         with self._use() as pointer:
             self._busy = True
             try:
-                status = lib.oku_agc_process(pointer, data, n, given, ctypes.byref(new_gain))
+                status = process(pointer, data, n, given, ctypes.byref(new_gain))
             finally:
                 self._busy = False
             errors = self._log_errors[:]

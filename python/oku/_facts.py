@@ -3,7 +3,7 @@ import ctypes
 import numbers
 import warnings
 from dataclasses import dataclass
-from typing import Callable, List, Optional, Tuple, Union
+from typing import Any, Callable, List, Optional, Tuple, Union
 
 from ._lib import PARAMS_FN, check, lib
 
@@ -20,14 +20,19 @@ def _names(function: Callable[[int], Optional[bytes]]) -> Tuple[str, ...]:
         names.append(name.decode("ascii"))
 
 
-def _rates() -> Tuple[int, ...]:
+def _rates(function: Callable[[Any], Any]) -> Tuple[int, ...]:
     count = ctypes.c_size_t()
-    rates = lib.oku_rates(ctypes.byref(count))
+    rates = function(ctypes.byref(count))
     return tuple(rates[i] for i in range(count.value))
 
 
-RATES: Tuple[int, ...] = _rates()
-"""The supported sampling rates in Hz, ascending."""
+INPUT_RATES: Tuple[int, ...] = _rates(lib.oku_input_rates)
+"""The sampling rates in Hz that Vad and Agc take, ascending."""
+RATES: Tuple[int, ...] = _rates(lib.oku_rates)
+"""The rates the services analyse at, ascending: every input rate is converted
+to one of them inside the library (analysis_rate)."""
+MAX_CHANNELS: int = lib.oku_max_channels()
+"""The most interleaved channels a Vad or Agc takes."""
 RESULT_TYPES: Tuple[str, ...] = _names(lib.oku_vad_result_name)
 """Names of the analyzer's result types, by value ("none", "speech_start", ...)."""
 ASSESSMENTS: Tuple[str, ...] = _names(lib.oku_assessment_name)
@@ -41,29 +46,33 @@ _SETTING_TYPES = ("int", "real")  # OKU_SETTING_INT, OKU_SETTING_REAL
 
 
 def nearest_rate(rate: float) -> int:
-    """The supported rate nearest to `rate` (44100 -> 22050), or 0 when rate is
+    """The analysis rate nearest to `rate` (44100 -> 22050), or 0 when rate is
     not a positive finite number."""
     return int(lib.oku_nearest_rate(float(rate)))
+
+
+def analysis_rate(rate: float) -> int:
+    """The rate at which input of `rate` Hz is analysed (48000 -> 16000,
+    44100 -> 22050), or 0 when rate is not one of INPUT_RATES."""
+    return int(lib.oku_analysis_rate(float(rate)))
 
 
 def _is_number(value: object) -> bool:
     return isinstance(value, numbers.Real) and not isinstance(value, bool)
 
 
-def check_rate(rate: object) -> int:
-    """`rate` as an int when it is exactly a supported rate. TypeError for
-    anything but an int (or a float with no fraction); ValueError otherwise."""
-    if isinstance(rate, bool) or not isinstance(rate, (numbers.Integral, float)):
-        raise TypeError("rate must be an int (Hz), not %s" % type(rate).__name__)
-    if isinstance(rate, float) and not rate.is_integer():
-        raise ValueError("rate must be a whole number of Hz, not %r" % rate)
-    hz = int(rate)
-    if hz not in RATES:
-        hint = nearest_rate(hz) if 0 < hz < 2 ** 53 else 0
-        raise ValueError("rate %d Hz is not supported (supported: %s)%s"
-                         % (hz, ", ".join(map(str, RATES)),
-                            "; resample to %d Hz first" % hint if hint else ""))
-    return hz
+def whole(name: str, value: object, c_type: Any = ctypes.c_int) -> int:
+    """`value` as an int for an argument of c_type: TypeError for anything but
+    an int (or a float with no fraction), ValueError beyond c_type's range; the
+    library checks the rest."""
+    if isinstance(value, bool) or not isinstance(value, (numbers.Integral, float)):
+        raise TypeError("%s must be an int, not %s" % (name, type(value).__name__))
+    if isinstance(value, float) and not value.is_integer():
+        raise ValueError("%s must be a whole number, not %r" % (name, value))
+    n, bits = int(value), 8 * ctypes.sizeof(c_type)
+    if not -2 ** (bits - 1) <= n < 2 ** (bits - 1):
+        raise ValueError("%s %d is out of range" % (name, n))
+    return n
 
 
 def _service(service: str) -> int:
@@ -163,7 +172,8 @@ def gain_from_volume(volume: int, bound: int) -> float:
     """A host's volume (0 to bound) as a gain from 0 to 1, converted exactly as
     the library's plain gain-control functions convert it."""
     gain = ctypes.c_double()
-    check(lib.oku_gain_from_volume(_long("volume", volume), _long("bound", bound), ctypes.byref(gain)))
+    volume, bound = whole("volume", volume, ctypes.c_long), whole("bound", bound, ctypes.c_long)
+    check(lib.oku_gain_from_volume(volume, bound, ctypes.byref(gain)))
     return gain.value
 
 
@@ -171,17 +181,8 @@ def volume_from_gain(gain: float, bound: int) -> int:
     """A gain (0 to 1) as a host's volume from 0 to bound, converted exactly as
     the library's plain gain-control functions convert it."""
     volume = ctypes.c_long()
-    check(lib.oku_volume_from_gain(check_gain(gain), _long("bound", bound), ctypes.byref(volume)))
+    check(lib.oku_volume_from_gain(check_gain(gain), whole("bound", bound, ctypes.c_long), ctypes.byref(volume)))
     return volume.value
-
-
-def _long(name: str, value: object) -> int:
-    if isinstance(value, bool) or not isinstance(value, numbers.Integral):
-        raise TypeError("%s must be an int, not %s" % (name, type(value).__name__))
-    bits = 8 * ctypes.sizeof(ctypes.c_long)
-    if not -2 ** (bits - 1) <= int(value) < 2 ** (bits - 1):
-        raise ValueError("%s %d is out of range" % (name, value))
-    return int(value)
 
 
 def check_gain(gain: object) -> float:

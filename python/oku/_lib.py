@@ -63,6 +63,17 @@ class AgcDecision(ctypes.Structure):
     ]
 
 
+class VadSegment(ctypes.Structure):
+    """oku_vad_segment."""
+
+    _fields_ = [
+        ("start", ctypes.c_int64),
+        ("end", ctypes.c_int64),
+        ("start_ms", ctypes.c_double),
+        ("end_ms", ctypes.c_double),
+    ]
+
+
 class SettingEntry(ctypes.Structure):
     """oku_setting."""
 
@@ -78,7 +89,8 @@ class SettingEntry(ctypes.Structure):
 
 
 # The structures mirrored here, by their C names (see oku_struct_size).
-STRUCTURES = {"oku_vad_result": VadResult, "oku_agc_decision": AgcDecision, "oku_setting": SettingEntry}
+STRUCTURES = {"oku_vad_result": VadResult, "oku_agc_decision": AgcDecision, "oku_setting": SettingEntry,
+              "oku_vad_segment": VadSegment}
 
 LOG_FN = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_char_p)
 PARAMS_FN = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_char_p, ctypes.c_char_p)
@@ -86,13 +98,20 @@ PARAMS_FN = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_char_p, ctypes.c_ch
 _c_int, _c_double, _c_size_t, _c_char_p = ctypes.c_int, ctypes.c_double, ctypes.c_size_t, ctypes.c_char_p
 _handle = ctypes.c_void_p
 _samples = ctypes.POINTER(ctypes.c_int16)
+_floats = ctypes.POINTER(ctypes.c_float)
 _size_p = ctypes.POINTER(ctypes.c_size_t)
+_count_p = ctypes.POINTER(ctypes.c_uint64)
+_segment_p = ctypes.POINTER(VadSegment)
 SIGNATURES: Dict[str, Tuple[Any, List[Any]]] = {
     "oku_status_message": (_c_char_p, [_c_int]),
+    "oku_status_name": (_c_char_p, [_c_int]),
     "oku_last_error": (_c_char_p, []),
     "oku_version": (_c_char_p, []),
     "oku_struct_size": (_c_size_t, [_c_char_p]),
     "oku_rates": (ctypes.POINTER(_c_int), [_size_p]),
+    "oku_input_rates": (ctypes.POINTER(_c_int), [_size_p]),
+    "oku_analysis_rate": (_c_int, [_c_double]),
+    "oku_max_channels": (_c_int, []),
     "oku_nearest_rate": (_c_int, [_c_double]),
     "oku_vad_result_name": (_c_char_p, [_c_int]),
     "oku_assessment_name": (_c_char_p, [_c_int]),
@@ -104,15 +123,21 @@ SIGNATURES: Dict[str, Tuple[Any, List[Any]]] = {
     "oku_params_entries": (_c_int, [_c_char_p, PARAMS_FN, ctypes.c_void_p]),
     "oku_params_unknown": (_c_int, [_c_int, _c_char_p, PARAMS_FN, ctypes.c_void_p, _size_p]),
     "oku_chunk_samples": (_c_int, [_c_double, _c_double, _size_p]),
-    "oku_vad_create_ex": (_c_int, [_c_double, _c_char_p, ctypes.c_uint, ctypes.POINTER(_handle)]),
+    "oku_vad_open": (_c_int, [_c_int, _c_int, _c_char_p, ctypes.c_uint, ctypes.POINTER(_handle)]),
     "oku_vad_process": (_c_int, [_handle, _samples, _c_size_t]),
+    "oku_vad_process_f32": (_c_int, [_handle, _floats, _c_size_t]),
     "oku_vad_process_many": (_c_int, [ctypes.POINTER(_handle), ctypes.POINTER(_samples), _size_p, _c_size_t]),
-    "oku_vad_results": (_c_int, [_handle, ctypes.POINTER(VadResult), _c_size_t, _size_p]),
+    "oku_vad_process_many_f32": (_c_int, [ctypes.POINTER(_handle), ctypes.POINTER(_floats), _size_p, _c_size_t]),
+    "oku_vad_nonfinite": (_c_int, [_handle, _count_p]),
+    "oku_vad_take": (_c_int, [_handle, ctypes.POINTER(VadResult), _segment_p]),
+    "oku_vad_split": (_c_int, [_handle, _segment_p, _c_double, _segment_p, _c_size_t, _size_p]),
     "oku_vad_flush": (_c_int, [_handle]),
     "oku_vad_reset": (_c_int, [_handle]),
     "oku_vad_destroy": (_c_int, [_handle]),
-    "oku_agc_create": (_c_int, [_c_int, _c_char_p, ctypes.POINTER(_handle)]),
+    "oku_agc_open": (_c_int, [_c_int, _c_int, _c_char_p, ctypes.c_uint, ctypes.POINTER(_handle)]),
     "oku_agc_process": (_c_int, [_handle, _samples, _c_size_t, _c_double, ctypes.POINTER(_c_double)]),
+    "oku_agc_process_f32": (_c_int, [_handle, _floats, _c_size_t, _c_double, ctypes.POINTER(_c_double)]),
+    "oku_agc_nonfinite": (_c_int, [_handle, _count_p]),
     "oku_agc_info": (_c_int, [_handle, ctypes.POINTER(AgcDecision)]),
     "oku_agc_set_log": (_c_int, [_handle, LOG_FN, ctypes.c_void_p]),
     "oku_agc_destroy": (_c_int, [_handle]),
@@ -189,14 +214,30 @@ lib, LIBRARY_PATH = load()
 system's library the name ctypes.util.find_library gave."""
 
 
+# The exception for each status the library names (oku_status_name): a caller's
+# mistake is a ValueError, running out of memory a MemoryError, anything else
+# (a null handle cannot come from this package) an OkuError.
+_ERRORS_BY_NAME = {"argument": ValueError, "rate": ValueError, "params": ValueError, "memory": MemoryError}
+
+
+def _errors() -> Dict[int, type]:
+    table = {}
+    status = -1
+    while True:
+        name = lib.oku_status_name(status)
+        if name is None:
+            return table
+        table[status] = _ERRORS_BY_NAME.get(name.decode("ascii"), OkuError)
+        status -= 1
+
+
+ERRORS = _errors()
+
+
 def check(status: int) -> None:
-    """Turns a failed status into an exception carrying the library's message:
-    ValueError for a bad argument, rate or parameter string, OkuError otherwise."""
+    """Turns a failed status into the exception of ERRORS, carrying the library's message."""
     if status == 0:
         return
     message = (lib.oku_last_error() or lib.oku_status_message(status)).decode("utf-8", "replace")
-    if status in (-2, -3, -4):  # OKU_ERR_ARGUMENT, OKU_ERR_RATE, OKU_ERR_PARAMS
-        raise ValueError(message)
-    if status == -5:  # OKU_ERR_MEMORY
-        raise MemoryError(message)
-    raise OkuError("%s (status %d)" % (message, status))
+    error = ERRORS.get(status, OkuError)
+    raise error("%s (status %d)" % (message, status) if error is OkuError else message)

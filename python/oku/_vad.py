@@ -3,20 +3,30 @@ import ctypes
 import math
 from contextlib import ExitStack
 from dataclasses import dataclass
-from typing import Any, Callable, Dict, Iterable, List, Optional, Sequence, Tuple, Union
+from typing import Any, Callable, Dict, Iterable, Iterator, List, Optional, Sequence, Tuple, Union
 
-from ._facts import (ASSESSMENTS, RESULT_TYPES, _is_number, check_rate, chunk_samples, encode_params,
-                     warn_unknown_keys)
+from ._facts import ASSESSMENTS, RESULT_TYPES, _is_number, chunk_samples, encode_params, warn_unknown_keys
 from ._handle import Handle
-from ._lib import VadResult, check, lib
-from ._samples import as_samples
+from ._lib import VadResult, VadSegment, check, lib
+from ._samples import Audio
 
 _AUDIO_FRAMES = 1  # OKU_VAD_AUDIO_FRAMES
 
 
 @dataclass(frozen=True)
+class Segment:
+    """A stretch of speech, in ms and in input frames (samples of one channel
+    at the input rate) from the start of the run."""
+
+    start_ms: float
+    end_ms: float
+    start_sample: int
+    end_sample: int
+
+
+@dataclass(frozen=True)
 class SpeechStart:
-    """Speech started: its time in ms and position in samples from the start of the run."""
+    """Speech started: its time in ms and position in input frames from the start of the run."""
 
     time_ms: float
     position: int
@@ -24,43 +34,35 @@ class SpeechStart:
 
 @dataclass(frozen=True)
 class SpeechEnd:
-    """Speech ended: its time in ms and position in samples from the start of the run."""
+    """Speech ended: its time in ms and position in input frames from the start
+    of the run, and the whole segment it closes (paired by the library)."""
 
     time_ms: float
     position: int
+    segment: Optional[Segment] = None
 
 
 @dataclass(frozen=True)
 class Volume:
     """A volume meter reading: one per process() call that completed a frame.
-
-    The meter, by design, surprises in three ways:
-
-    - A run starts at 0 dBFS: level_dbfs rises at once to a louder peak but
-      falls at most MaxDecayRateDbPerDs (48 dB) per 100 ms, from full scale
-      at creation, reset() and flush(), so a run's first readings fall from
-      0 dBFS towards the true level instead of starting at it.
-    - snr_pct has no lower bound in speech: when the loudest recent frame lies
-      below the noise level plus an offset (clipped or very noisy speech) it
-      is negative, down to several hundred percent. Clamp it to draw a bar.
-    - "too_noisy" comes first: whenever the noise estimate lies above
-      TooNoisyLeveldBFS, over "too_loud" and "too_soft", and as long as the
-      estimate lasts. It follows the last 2 s of frames above 15 dB of
-      energy, so after noise it stays over digital silence.
-    """
+    The meter surprises in three ways by design (a run starts at 0 dBFS,
+    snr_pct may be negative in speech, "too_noisy" comes first): see
+    docs/c-api.md, "The meter's behaviours"."""
 
     time_ms: float     #: end of the audio measured, ms from the start of the run
     position: int      #: the same instant in samples
     peak: int          #: largest absolute sample of the reading's audio, 0 to 32768
-    level_dbfs: float  #: peak level in dBFS, falling at a limited rate, -90.3 to 0 (see below)
-    snr_pct: float     #: speech over noise in percent of full scale, at most 100, 0 in a pause (see below)
+    level_dbfs: float  #: peak level in dBFS, falling at a limited rate, -90.3 to 0
+    snr_pct: float     #: speech over noise in percent of full scale, at most 100, 0 in a pause
     assessment: str    #: one of ASSESSMENTS: "ok", "too_noisy", "too_soft" or "too_loud"
     speech: bool       #: the analyzer is inside speech
 
 
 @dataclass(frozen=True)
 class Frame:
-    """One frame of audio as it arrived (only from Vad(rate, frames=True))."""
+    """One frame of the analysed audio (only from Vad(rate, frames=True)):
+    mono 16-bit samples at the analysis rate, the input itself for mono
+    16-bit input at an analysis rate."""
 
     time_ms: float             #: the frame's start, ms from the start of the run
     position: int              #: the same instant in samples
@@ -69,85 +71,96 @@ class Frame:
     samples: Tuple[int, ...]   #: its samples (the last frame of a flush may be short)
 
 
-@dataclass(frozen=True)
-class Segment:
-    """A stretch of speech, in ms and in samples from the start of the run."""
-
-    start_ms: float
-    end_ms: float
-    start_sample: int
-    end_sample: int
-
-
 Result = Union[SpeechStart, SpeechEnd, Volume, Frame]
 
 
-def _volume(r: VadResult) -> Volume:
+def _segment(s: VadSegment) -> Segment:
+    return Segment(s.start_ms, s.end_ms, s.start, s.end)
+
+
+def _volume(r: VadResult, _s: VadSegment) -> Volume:
     return Volume(r.time_ms, r.position, int(r.peak), r.level_dbfs, r.snr_pct, ASSESSMENTS[r.assessment],
                   bool(r.speech))
 
 
-def _frame(r: VadResult) -> Frame:
+def _frame(r: VadResult, _s: VadSegment) -> Frame:
     return Frame(r.time_ms, r.position, r.frame_index, bool(r.speech), tuple(r.samples[:r.sample_count]))
 
 
 # Each result type the library names, to the Python result that carries it.
-_CONVERTERS: Dict[int, Callable[[VadResult], Any]] = {
-    RESULT_TYPES.index("speech_start"): lambda r: SpeechStart(r.time_ms, r.position),
-    RESULT_TYPES.index("speech_end"): lambda r: SpeechEnd(r.time_ms, r.position),
+_NONE = RESULT_TYPES.index("none")
+_SPEECH_END = RESULT_TYPES.index("speech_end")
+_CONVERTERS: Dict[int, Callable[[VadResult, VadSegment], Any]] = {
+    RESULT_TYPES.index("speech_start"): lambda r, _s: SpeechStart(r.time_ms, r.position),
+    _SPEECH_END: lambda r, s: SpeechEnd(r.time_ms, r.position, _segment(s)),
     RESULT_TYPES.index("volume"): _volume,
     RESULT_TYPES.index("frame"): _frame,
 }
+
+# How much audio segments() hands the library per call: long enough that the
+# calls cost nothing beside the analysis, short enough that the library's
+# buffers reserved at creation hold what a call gives at every rate.
+SEGMENTS_CHUNK_MS = 250.0
 
 
 class Vad(Handle):
     """The voice-activity analyzer: speech starts and ends, and volume readings.
 
-    - rate: the sampling rate in Hz, an int equal to one of RATES
+    - rate: the input sampling rate in Hz, an int from INPUT_RATES; the
+      library converts it to analysis_rate(rate)
     - params: the parameter string ("EOSTimeoutMs=600;..."; keys in
       settings("vad")), or None for the defaults. A bad string raises
       ValueError with the library's message; a key the analyzer does not read
       is ignored with a warning.
-    - frames: also return every frame of audio (Frame results)
+    - frames: also return every frame of the analysed audio (Frame results)
+    - channels: interleaved channels per input frame, 1 to MAX_CHANNELS,
+      mixed down to mono by the library
 
-    Use one object per stream; objects are independent and may run on threads
-    of their own. close() (or a `with` block) releases the analyzer at once.
+    Positions and times count in input frames at `rate` from the start of the
+    run. Use one object per stream; objects are independent and may run on
+    threads of their own. close() (or a `with` block) releases the analyzer at
+    once. A Vad pickles (and copies) as its arguments: the copy is a fresh
+    analyzer, as created, whatever this one has analysed.
     """
 
     _what = "analyzer"
 
-    def __init__(self, rate: int, params: Optional[str] = None, frames: bool = False) -> None:
-        super().__init__(lib.oku_vad_destroy)
-        self._rate = check_rate(rate)
-        pointer = ctypes.c_void_p()
-        check(lib.oku_vad_create_ex(float(self._rate), encode_params(params), _AUDIO_FRAMES if frames else 0,
-                                    ctypes.byref(pointer)))
-        self._pointer = pointer
-        self._buffer = (VadResult * 64)()
+    def __init__(self, rate: int, params: Optional[str] = None, frames: bool = False, *, channels: int = 1) -> None:
+        super().__init__(lib.oku_vad_destroy, rate, channels)
+        self._params, self._frames = params, bool(frames)
+        self._open(lib.oku_vad_open, encode_params(params), _AUDIO_FRAMES if frames else 0)
+        self._result, self._segment = VadResult(), VadSegment()
         warn_unknown_keys("vad", params, stacklevel=2)
 
+    def _arguments(self) -> Tuple[Tuple[Any, ...], Dict[str, Any]]:
+        return (self._rate, self._params, self._frames), {"channels": self._channels}
+
     @property
-    def rate(self) -> int:
-        """The sampling rate in Hz."""
-        return self._rate
+    def nonfinite(self) -> int:
+        """How many NaN or infinite float samples the analyzer has met (each taken as 0)."""
+        return self._nonfinite(lib.oku_vad_nonfinite)
+
+    def _take(self, pointer: ctypes.c_void_p) -> Iterator[Tuple[VadResult, VadSegment]]:
+        """Every queued result, oldest first, with the segment a speech end closes."""
+        r, s = self._result, self._segment
+        while True:
+            check(lib.oku_vad_take(pointer, ctypes.byref(r), ctypes.byref(s)))
+            if r.type == _NONE:
+                return
+            yield r, s
 
     def _drain(self, pointer: ctypes.c_void_p) -> List[Result]:
-        """Every queued result, oldest first."""
-        out: List[Result] = []
-        count = ctypes.c_size_t()
-        while True:
-            check(lib.oku_vad_results(pointer, self._buffer, len(self._buffer), ctypes.byref(count)))
-            out += (_CONVERTERS[r.type](r) for r in self._buffer[:count.value])
-            if count.value < len(self._buffer):
-                return out
+        return [_CONVERTERS[r.type](r, s) for r, s in self._take(pointer)]
 
     def process(self, samples: object) -> List[Result]:
-        """Analyses a chunk of any length (see the package's help for what
-        samples may be) and returns the results it completed, in order: speech
-        starts and ends, then one Volume reading when a frame was completed."""
-        data, n = as_samples(samples)
+        """Analyses a chunk of any whole number of frames (see the package's
+        help for what samples may be) and returns the results it completed, in
+        order: speech starts and ends, then one Volume reading when a frame was
+        completed."""
+        audio = Audio(samples, self._channels, self._what)
+        data, n = audio.piece()
         with self._use() as pointer:
-            check(lib.oku_vad_process(pointer, data, n))
+            check((lib.oku_vad_process_f32 if audio.floats else lib.oku_vad_process)(pointer, data, n))
             return self._drain(pointer)
 
     def flush(self) -> List[Result]:
@@ -163,27 +176,63 @@ class Vad(Handle):
         with self._use() as pointer:
             check(lib.oku_vad_reset(pointer))
 
-    def segments(self, samples: object, chunk_ms: float = 20.0) -> List[Segment]:
-        """The speech segments of a whole recording: the samples are fed in
-        chunks of chunk_ms (above 0; at least one sample), then the run is
-        flushed. Times count from the start of the run, which is the
-        recording's first sample on a new analyzer or after flush() or
-        reset()."""
-        if not _is_number(chunk_ms):
-            raise TypeError("chunk_ms must be a number, not %s" % type(chunk_ms).__name__)
-        if not (math.isfinite(chunk_ms) and chunk_ms > 0):
-            raise ValueError("chunk_ms must be above 0, not %r" % chunk_ms)
-        step = chunk_samples(self._rate, chunk_ms)
-        data, n = as_samples(samples)
-        events: List[Result] = []
+    def segments(self, samples: object, chunk_ms: Optional[float] = None,
+                 max_ms: Optional[float] = None) -> List[Segment]:
+        """The speech segments of a whole recording: the samples are analysed,
+        then the run is flushed. Times count from the start of the run, which
+        is the recording's first sample on a new analyzer or after flush() or
+        reset().
+
+        The analyzer's speech decisions do not depend on how the audio is cut
+        into calls (only the volume readings do), so the segments are those of
+        20 ms chunks; the samples go to the library in calls of chunk_ms
+        (above 0; by default a quarter of a second).
+
+        max_ms: cut every segment longer than this into the fewest pieces of
+        at most max_ms, of equal length to within a frame (the library's rule).
+        """
+        step = chunk_samples(self._rate, SEGMENTS_CHUNK_MS if chunk_ms is None else _positive("chunk_ms", chunk_ms))
+        audio = Audio(samples, self._channels, self._what)
+        step *= self._channels
+        return self._cut((audio.piece(i, i + step) for i in range(0, len(audio), step)), audio.floats, max_ms)
+
+    def _cut(self, pieces: Iterable[Tuple[Any, int]], floats: bool, max_ms: Optional[float]) -> List[Segment]:
+        """The segments of the pieces (pointer and sample count) and of the flush after them."""
+        process = lib.oku_vad_process_f32 if floats else lib.oku_vad_process
+        out: List[Segment] = []
         with self._use() as pointer:
-            for i in range(0, n, step):
-                chunk = ctypes.cast(ctypes.byref(data, 2 * i), ctypes.POINTER(ctypes.c_int16))  # type: ignore
-                check(lib.oku_vad_process(pointer, chunk, min(step, n - i)))
-                events += (r for r in self._drain(pointer) if isinstance(r, (SpeechStart, SpeechEnd)))
+            if max_ms is not None:  # the library checks max_ms before any audio is taken
+                _split(pointer, VadSegment(), _positive("max_ms", max_ms))
+            for data, n in pieces:
+                check(process(pointer, data, n))
+                out += self._ends(pointer, max_ms)
             check(lib.oku_vad_flush(pointer))
-            events += self._drain(pointer)
-        return to_segments(events)
+            out += self._ends(pointer, max_ms)
+        return out
+
+    def _ends(self, pointer: ctypes.c_void_p, max_ms: Optional[float]) -> List[Segment]:
+        """The segments closed by the queued results, cut to max_ms."""
+        out = []
+        for r, s in self._take(pointer):
+            if r.type == _SPEECH_END:
+                out += _split(pointer, s, max_ms) if max_ms is not None else [_segment(s)]
+        return out
+
+
+def _positive(name: str, value: object) -> float:
+    if not _is_number(value):
+        raise TypeError("%s must be a number, not %s" % (name, type(value).__name__))
+    if not (math.isfinite(value) and value > 0):  # type: ignore[arg-type]
+        raise ValueError("%s must be above 0, not %r" % (name, value))
+    return float(value)  # type: ignore[arg-type]
+
+
+def _split(pointer: ctypes.c_void_p, segment: VadSegment, max_ms: float) -> List[Segment]:
+    count = ctypes.c_size_t()
+    check(lib.oku_vad_split(pointer, ctypes.byref(segment), max_ms, None, 0, ctypes.byref(count)))
+    pieces = (VadSegment * count.value)()
+    check(lib.oku_vad_split(pointer, ctypes.byref(segment), max_ms, pieces, count.value, ctypes.byref(count)))
+    return [_segment(p) for p in pieces]
 
 
 def process_many(vads: Sequence[Vad], chunks: Sequence[object]) -> List[List[Result]]:
@@ -193,9 +242,10 @@ def process_many(vads: Sequence[Vad], chunks: Sequence[object]) -> List[List[Res
     by side, which costs far less per stream than one call after another.
     Rates and chunk lengths (empty included) may differ.
 
-    TypeError for an object that is not a Vad or samples of a wrong type;
-    ValueError for lengths that differ, an analyzer given twice or closed, or
-    bad samples. On any error no analyzer has taken anything.
+    The chunks are all 16-bit or all float (the library takes one kind per
+    call). TypeError for an object that is not a Vad, samples of a wrong type
+    or of mixed kinds; ValueError for lengths that differ, an analyzer given
+    twice or closed, or bad samples. On any error no analyzer has taken anything.
     """
     vads, chunks = list(vads), list(chunks)
     if len(vads) != len(chunks):
@@ -210,7 +260,12 @@ def process_many(vads: Sequence[Vad], chunks: Sequence[object]) -> List[List[Res
             raise ValueError("vads[%d] is vads[%d] again: each analyzer may take one chunk per call"
                              % (i, seen[id(vad)]))
         seen[id(vad)] = i
-    data = [as_samples(chunk) for chunk in chunks]
+    audio = [Audio(chunk, vad._channels, vad._what) for vad, chunk in zip(vads, chunks)]
+    floats = {a.floats for a in audio}
+    if len(floats) > 1:
+        raise TypeError("process_many takes chunks of one kind in a call: all 16-bit or all float")
+    item = ctypes.c_float if True in floats else ctypes.c_int16
+    data = [a.piece() for a in audio]
     n = len(vads)
     with ExitStack() as stack:
         # Every analyzer is held for the call; taken in one order by every
@@ -219,33 +274,15 @@ def process_many(vads: Sequence[Vad], chunks: Sequence[object]) -> List[List[Res
         for i in sorted(range(n), key=lambda i: id(vads[i])):
             pointers[i] = stack.enter_context(vads[i]._use())
         handles = (ctypes.c_void_p * n)(*(pointers[i].value for i in range(n)))
-        samples = (ctypes.POINTER(ctypes.c_int16) * n)(
-            *(ctypes.cast(d, ctypes.POINTER(ctypes.c_int16)) if d is not None else None for d, _ in data))
+        samples = (ctypes.POINTER(item) * n)(
+            *(ctypes.cast(d, ctypes.POINTER(item)) if d is not None else None for d, _ in data))
         counts = (ctypes.c_size_t * n)(*(count for _, count in data))
-        check(lib.oku_vad_process_many(handles, samples, counts, n))
+        check((lib.oku_vad_process_many_f32 if True in floats else lib.oku_vad_process_many)(
+            handles, samples, counts, n))
         return [vads[i]._drain(pointers[i]) for i in range(n)]
 
 
-class SegmentPairer:
-    """Pairs speech starts with the ends that follow them as results arrive:
-    add() takes a batch of results and returns the segments they close; a
-    start whose end has not come yet is kept for the next batch."""
-
-    def __init__(self) -> None:
-        self.open: Optional[SpeechStart] = None
-
-    def add(self, results: Iterable[object]) -> List[Segment]:
-        segments = []
-        for r in results:
-            if isinstance(r, SpeechStart):
-                self.open = r
-            elif isinstance(r, SpeechEnd) and self.open is not None:
-                segments.append(Segment(self.open.time_ms, r.time_ms, self.open.position, r.position))
-                self.open = None
-        return segments
-
-
 def to_segments(results: Iterable[object]) -> List[Segment]:
-    """Pairs each SpeechStart with the SpeechEnd that follows it; other results
-    are passed over."""
-    return SegmentPairer().add(results)
+    """The segments that the SpeechEnd results among `results` close (the
+    library pairs each end with its start); other results are passed over."""
+    return [r.segment for r in results if isinstance(r, SpeechEnd) and r.segment is not None]

@@ -1,10 +1,6 @@
-"""What the package's tests share: the package of this source tree, the
-generated recordings of tests/testaudio.py, and numpy when it is there.
-
-The tests load the library named by OKU_LIBRARY (make test sets it to the
-library of the build); test_wheel.py builds and installs a wheel instead.
-Nothing is written into the source tree (no byte code either).
-"""
+"""What the package's tests share: the package of this source tree over the
+library named by OKU_LIBRARY (make test sets it), the generated recordings of
+tests/testaudio.py, and numpy when it is there. No byte code is written."""
 import os
 import sys
 

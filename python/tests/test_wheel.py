@@ -1,16 +1,12 @@
-"""The package as a user gets it: a wheel built offline (pip wheel
---no-build-isolation) from a copy of the source tree, installed with
-pip install --target into an empty folder, and imported from another folder by
-a fresh interpreter whose environment holds nothing but PYTHONPATH.
-
-The wheel is built once, with the build tools of the interpreter running the
-test; an interpreter without them skips these tests and says why.
-"""
-import importlib
+"""The package as a user gets it: a wheel built offline from a copy of the
+source tree with the build tools of this interpreter (skipped, with the reason,
+without them), installed into an empty folder, and imported elsewhere by a
+fresh interpreter whose environment holds nothing but PYTHONPATH."""
 import importlib.util
 import json
 import os
 import platform
+import re
 import shutil
 import subprocess
 import sys
@@ -24,20 +20,13 @@ from support import BURSTS, EXPECTED, ROOT, signal, write_wav
 
 def missing_tools():
     """Why this interpreter cannot build the wheel offline, or None."""
-    try:
-        setuptools = importlib.import_module("setuptools")
-    except ImportError:
-        return "setuptools is not installed for %s" % sys.executable
-    try:
-        importlib.import_module("setuptools.command.bdist_wheel")  # setuptools 70.1 and later
-    except ImportError:
+    for module in ("setuptools", "pip"):
         try:
-            importlib.import_module("wheel.bdist_wheel")
-        except ImportError:
-            return ("%s has setuptools %s but not the wheel package, which it needs to build wheels"
-                    % (sys.executable, setuptools.__version__))
-    if importlib.util.find_spec("pip") is None:
-        return "pip is not installed for %s" % sys.executable
+            importlib.import_module(module)
+        except Exception as e:  # missing, or broken (a distutils override that fails)
+            return "%s cannot be imported by %s: %r" % (module, sys.executable, e)
+    if not (importlib.util.find_spec("setuptools.command.bdist_wheel") or importlib.util.find_spec("wheel")):
+        return "%s has neither the wheel package nor a setuptools that makes wheels (70.1)" % sys.executable
     return None
 
 
@@ -65,31 +54,19 @@ class WheelTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.tmp = tempfile.TemporaryDirectory(prefix="oku-wheel-")
-        source = os.path.join(cls.tmp.name, "source")
+        source, dist, cls.site, cls.elsewhere = (os.path.join(cls.tmp.name, n) for n in ("source", "dist", "site", "x"))
         shutil.copytree(ROOT, source, symlinks=True, ignore=copy_ignoring_builds)
         before = set(os.listdir(source))
-        dist = os.path.join(cls.tmp.name, "dist")
         pip("wheel", "-w", dist, "--no-build-isolation", source)
         cls.left_in_tree = set(os.listdir(source)) - before
-        [name] = os.listdir(dist)
-        cls.wheel = os.path.join(dist, name)
-        cls.site = os.path.join(cls.tmp.name, "site")
-        os.mkdir(cls.site)
+        [cls.wheel] = [os.path.join(dist, name) for name in os.listdir(dist)]
         pip("install", "--target", cls.site, cls.wheel)
-        cls.elsewhere = os.path.join(cls.tmp.name, "elsewhere")
         os.mkdir(cls.elsewhere)
-        cls.wav = os.path.join(cls.elsewhere, "bursts.wav")
-        write_wav(cls.wav, 16000, signal(16000, BURSTS, 6.0))
+        write_wav(os.path.join(cls.elsewhere, "bursts.wav"), 16000, signal(16000, BURSTS, 6.0))
 
     @classmethod
     def tearDownClass(cls):
         cls.tmp.cleanup()
-
-    def fresh(self, *args, site=None, **env):
-        """A new interpreter in an empty folder: the installed package on its path, and nothing else."""
-        p = subprocess.run([sys.executable, "-s", *args], cwd=self.elsewhere, capture_output=True, timeout=300,
-                           env=dict(env, PYTHONPATH=site or self.site))
-        return p.returncode, p.stdout.decode(), p.stderr.decode()
 
     CHECK = ("import importlib.metadata, json, wave, oku\n"
              "with wave.open('bursts.wav') as w:\n"
@@ -106,40 +83,30 @@ class WheelTest(unittest.TestCase):
             [library] = [n for n in names if n.startswith("oku/libOKUVAD.so")]
             self.assertEqual(b"\x7fELF", z.read(library)[:4])  # the file itself, not a link
             self.assertIn("oku/py.typed", names)
-            if os.path.exists(os.path.join(ROOT, "LICENSE")):
-                self.assertIn("oku-%s.dist-info/LICENSE" % version, names)
         self.assertEqual({"build-python"}, self.left_in_tree)  # the build's only folder in the tree
+        if platform.machine() != "x86_64" or platform.libc_ver()[0] != "glibc" or not shutil.which("objdump"):
+            return
+        # What the dynamic loader will ask of the system: the C++ runtime is inside the library, and
+        # every glibc symbol has a version that glibc 2.28 provides.
+        self.assertEqual("manylinux_2_28_x86_64", tag)
+        library = os.path.join(self.site, library)
+        symbols = subprocess.run(["objdump", "-T", library], capture_output=True, text=True, check=True).stdout
+        needed = subprocess.run(["objdump", "-p", library], capture_output=True, text=True, check=True).stdout
+        versions = set(re.findall(r"\((\w+?)_([\d.]+)\)", symbols))
+        self.assertEqual(set(), {v for v in versions if v[0] in ("GLIBCXX", "CXXABI")})
+        newest = max(tuple(map(int, v.split("."))) for name, v in versions if name == "GLIBC")
+        self.assertLessEqual(newest, (2, 28), symbols)
+        self.assertNotIn("libstdc++", needed)
 
-    def test_installed_package_works_from_anywhere(self):
-        status, out, err = self.fresh("-c", self.CHECK)
-        self.assertEqual(0, status, err)
-        module, library, version, metadata, segments = json.loads(out)
-        self.assertTrue(module.startswith(self.site + os.sep), module)
-        self.assertTrue(library.startswith(os.path.join(self.site, "oku") + os.sep), library)
-        self.assertEqual(os.path.basename(self.wheel).split("-")[1], version)
-        self.assertEqual(version, metadata)
+    def test_installed_package_works_from_anywhere_before_oku_library(self):
+        # A new interpreter in an empty folder, the installed package on its path and nothing else.
+        p = subprocess.run([sys.executable, "-s", "-c", self.CHECK], cwd=self.elsewhere, capture_output=True,
+                           timeout=300, env={"PYTHONPATH": self.site, "OKU_LIBRARY": "bursts.wav"})
+        self.assertEqual(0, p.returncode, p.stderr.decode())
+        module, library, version, metadata, segments = json.loads(p.stdout)
+        self.assertEqual([os.path.join(self.site, "oku")] * 2, [os.path.dirname(module), os.path.dirname(library)])
+        self.assertEqual([os.path.basename(self.wheel).split("-")[1]] * 2, [version, metadata])
         self.assertEqual([[round(s * 16000), round(e * 16000)] for s, e in EXPECTED], segments)
-        status, out, err = self.fresh("-m", "oku", "vad", "bursts.wav")
-        self.assertEqual(0, status, err)
-        self.assertEqual(len(EXPECTED), len([line for line in out.splitlines() if '"segment"' in line]))
-
-    def test_package_copy_comes_before_oku_library(self):
-        status, out, err = self.fresh("-c", self.CHECK, OKU_LIBRARY=os.path.join(self.elsewhere, "nothing.so"))
-        self.assertEqual(0, status, err)
-        self.assertTrue(json.loads(out)[1].startswith(self.site + os.sep))
-
-    def test_version_mismatch_is_refused(self):
-        other = os.path.join(self.tmp.name, "other")
-        shutil.copytree(self.site, other)
-        built = os.path.join(other, "oku", "_built.py")
-        with open(built) as f:
-            text = f.read()
-        with open(built, "w") as f:
-            f.write(text.replace("VERSION = ", "VERSION = '0.0.0'  # ", 1))
-        status, _, err = self.fresh("-c", "import oku", site=other)
-        self.assertNotEqual(0, status)
-        self.assertIn("ImportError", err)
-        self.assertIn("the package 0.0.0", err)
 
 
 if __name__ == "__main__":
