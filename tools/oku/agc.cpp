@@ -56,10 +56,12 @@ void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
     const Options& o = run.options;
     const OpenedInput in = OpenInput(slot.name, o);
     Source& source = *in.source;
-    Converter& converter = *in.converter;
-    const int rate = in.rate;
+    LibraryFeed& feed = *in.feed;
+    const int rate = feed.Rate();
     oku_agc* handle = nullptr;
-    Check(oku_agc_create(rate, o.params.c_str(), &handle));
+    if (oku_agc_open(rate, feed.Channels(), o.params.c_str(), 0, &handle) != OKU_OK)
+        throw InputError("the gain control does not take " + std::to_string(feed.Channels()) + " channels at " +
+                         std::to_string(rate) + " Hz: " + oku_last_error());
     const AgcHandle agc(handle);
 
     std::unique_ptr<LogFile> log;
@@ -67,35 +69,57 @@ void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
         log.reset(new LogFile(OutputName(o.logFile, slot.index, slot.count)));
         Check(oku_agc_set_log(agc.get(), &LogFile::Line, log.get()));
     }
-    std::unique_ptr<WavWriter> out;
+    std::unique_ptr<SoundWriter> out;
     if (!o.outFile.empty())
-        out.reset(new WavWriter(OutputName(o.outFile, slot.index, slot.count), rate, 1, SF_FORMAT_PCM_16));
+        out.reset(new SoundWriter(OutputName(o.outFile, slot.index, slot.count), rate, feed.Channels(),
+                                  feed.Floats() ? SF_FORMAT_FLOAT : SF_FORMAT_PCM_16));
     std::unique_ptr<AgcPlot> plot;
     if (!o.plot.empty())
         plot.reset(new AgcPlot(rate, o.bound, o.volume));
 
     long volume = o.volume;
-    long long samples = 0, counts[OKU_AGC_CONTROL_COUNT] = {}, changes = 0;
-    std::vector<short> captured;
+    long long fed = 0, counts[OKU_AGC_CONTROL_COUNT] = {}, changes = 0;
+    const std::size_t channels = static_cast<std::size_t>(feed.Channels());
+    std::vector<short> shorts;
+    std::vector<float> floats;
     Stream(
-        source, converter, ChunkSamples(o.chunkMs, rate), o.progress, slot.name, [](const Block&) {},
-        [&](const std::vector<short>& chunk) {
-            // The microphone: the recording times its gain at full volume times the volume in force.
+        source, feed, o.progress, slot.name, [](const Block&) {},
+        [&](const Chunk& chunk) {
+            // The microphone: the recording times its gain at full volume times
+            // the volume in force; 16-bit samples are rounded and clipped as a
+            // converter would, floats go on beyond full scale (the library
+            // saturates them).
             const double factor = o.micGain * static_cast<double>(volume) / static_cast<double>(o.bound);
-            captured.resize(chunk.size());
-            for (std::size_t i = 0; i < chunk.size(); ++i)
-                captured[i] = static_cast<short>(std::max(-32768.0, std::min(32767.0, std::nearbyint(chunk[i] * factor))));
-            if (out)
-                out->WriteShorts(captured.data(), captured.size());
+            const std::size_t n = chunk.frames * channels;
+            Chunk captured;
+            captured.frames = chunk.frames;
+            if (chunk.shorts) {
+                shorts.resize(n);
+                for (std::size_t i = 0; i < n; ++i)
+                    shorts[i] = static_cast<short>(std::max(-32768.0, std::min(32767.0, std::nearbyint(chunk.shorts[i] * factor))));
+                captured.shorts = shorts.data();
+            } else {
+                floats.resize(n);
+                for (std::size_t i = 0; i < n; ++i)
+                    floats[i] = static_cast<float>(chunk.floats[i] * factor);
+                captured.floats = floats.data();
+            }
+            if (out) {
+                if (captured.shorts)
+                    out->WriteShorts(captured.shorts, chunk.frames);
+                else
+                    out->WriteFloats(captured.floats, chunk.frames);
+            }
             if (plot)
-                plot->AddAudio(captured, samples);
-            samples += static_cast<long long>(captured.size());
+                plot->AddAudio(captured, feed.Channels(), fed);
+            fed += static_cast<long long>(chunk.frames);
 
             // Volume to gain and back as the library converts them; the
             // volume changes only when the decision says the gain did.
             double gain = 0.0, newGain = 0.0;
             Check(oku_gain_from_volume(volume, o.bound, &gain));
-            const int status = oku_agc_process(agc.get(), captured.data(), captured.size(), gain, &newGain);
+            const int status = captured.shorts ? oku_agc_process(agc.get(), captured.shorts, n, gain, &newGain)
+                                               : oku_agc_process_f32(agc.get(), captured.floats, n, gain, &newGain);
             if (log)
                 log->Rethrow();
             Check(status);
@@ -110,7 +134,7 @@ void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
             ++counts[control];
             changes += volume != before;
             if (plot)
-                plot->AddDecision(samples, control, d.pause_db, d.speech_db, before, volume);
+                plot->AddDecision(fed, control, d.pause_db, d.speech_db, before, volume);
             w.Write(Record(RecordType::Decision)
                         .Set("time_s", d.time_ms / 1000.0, 3)
                         .Set("volume_before", static_cast<long long>(before))
@@ -119,8 +143,10 @@ void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
                         .Set("pause_db", d.pause_db, 2)
                         .Set("speech_db", d.speech_db, 2));
         });
-    if (samples == 0)
-        throw InputError("no audio in it (empty)");
+    std::uint64_t nonfinite = 0;
+    Check(oku_agc_nonfinite(agc.get(), &nonfinite));
+    const long long nonFinite = static_cast<long long>(nonfinite) + feed.NonFinite();
+    CheckInputEnd(slot.name, source, nonFinite);
 
     // Outputs first: the summary says the input is done only when they are.
     if (out)
@@ -129,24 +155,23 @@ void RunAgc(const InputSlot& slot, const Run& run, Writer& w)
         log->file.Close();
     if (plot)
         plot->Save(OutputName(o.plot, slot.index, slot.count),
-                   slot.name + ": gain control, volume of " + std::to_string(o.bound), samples,
+                   slot.name + ": gain control, volume of " + std::to_string(o.bound), fed,
                    Setting(o.params, "LowerBound"), Setting(o.params, "UpperBound"));
 
     long long decisions = 0;
     for (long long n : counts)
         decisions += n;
     Record summary(RecordType::AgcSummary);
-    summary.Set("rate", static_cast<long long>(rate))
+    summary.Set("rate", static_cast<long long>(oku_analysis_rate(rate)))
         .Set("original_rate", static_cast<long long>(source.Rate()))
         .Set("duration_s", source.FramesRead() / static_cast<double>(source.Rate()), 3)
         .Set("decisions", decisions)
         .Set("changes", changes)
-        .Set("final_volume", static_cast<long long>(volume))
-        .Set("nonfinite_samples", converter.NonFinite());
+        .Set("final_volume", static_cast<long long>(volume));
     for (int c = 0; c < OKU_AGC_CONTROL_COUNT; ++c)
         summary.Set(oku_agc_control_name(c), counts[c]);
+    SetInputFields(summary, source, feed, nonFinite);
     w.Write(summary);
-    NoteNonFinite(slot.name, converter.NonFinite());
 }
 
 }  // namespace okutool

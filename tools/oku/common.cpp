@@ -23,23 +23,25 @@ OpenedInput OpenInput(const std::string& name, const Options& options)
     OpenedInput in;
     in.source = OpenSource(name, options.raw ? &options.rawFormat : nullptr);
     const Source& source = *in.source;
-    in.rate = oku_nearest_rate(static_cast<double>(source.Rate()));
-    if (source.Channels() > 1)
-        WriteStderr("oku: " + name + ": mixing " + std::to_string(source.Channels()) + " channels down to mono\n");
-    if (source.Rate() != in.rate)
-        WriteStderr("oku: " + name + ": resampling " + std::to_string(source.Rate()) + " Hz to " +
-                    std::to_string(in.rate) + " Hz\n");
-    in.converter.reset(new Converter(source, in.rate));
+    in.feed.reset(new LibraryFeed(source, options.chunkMs));
+    const LibraryFeed& feed = *in.feed;
+    const int analysis = oku_analysis_rate(feed.Rate());
+    if (!options.quiet && (source.Channels() > 1 || source.Rate() != analysis)) {
+        const int c = source.Channels();
+        std::string note = "oku: " + name + ": " + std::to_string(c) + " channel" + (c > 1 ? "s" : "") + " at " +
+                           std::to_string(source.Rate()) + " Hz";
+        if (feed.Resampled())
+            note += ", not an input rate of the library: resampled to " + std::to_string(feed.Rate()) +
+                    " Hz with libsoxr" + (c > 1 ? ", then the library mixes the channels to one" : "");
+        else if (c > 1 && source.Rate() != analysis)
+            note += ": the library mixes them to one and analyses at " + std::to_string(analysis) + " Hz";
+        else if (c > 1)
+            note += ": the library mixes them to one";
+        else
+            note += ": the library analyses it at " + std::to_string(analysis) + " Hz";
+        WriteStderr(note + "\n");
+    }
     return in;
-}
-
-std::size_t ChunkSamples(double chunkMs, int rate)
-{
-    std::size_t samples = 0;
-    if (oku_chunk_samples(rate, chunkMs, &samples) != OKU_OK)
-        throw InputError("--chunk-ms " + Num(chunkMs) + " at " + std::to_string(rate) + " Hz: " +
-                         oku_last_error());
-    return samples;
 }
 
 std::string BaseName(const std::string& input)
@@ -52,34 +54,48 @@ std::string BaseName(const std::string& input)
     return dot == std::string::npos || dot == 0 ? base : base.substr(0, dot);
 }
 
-void NoteNonFinite(const std::string& name, long long count)
+void CheckInputEnd(const std::string& name, const Source& source, long long nonfinite)
 {
-    if (count > 0)
-        WriteStderr("oku: " + name + ": " + std::to_string(count) + " sample" + (count > 1 ? "s" : "") +
+    if (source.FramesRead() == 0)
+        throw InputError("no audio in it (empty)");
+    if (source.Declared() >= 0 && source.Declared() != source.FramesRead())
+        WriteStderr("oku: " + name + ": warning: " + std::to_string(source.FramesRead()) +
+                    " frames decoded, its header declares " + std::to_string(source.Declared()) +
+                    " (a truncated file?)\n");
+    if (nonfinite > 0)
+        WriteStderr("oku: " + name + ": " + std::to_string(nonfinite) + " sample" + (nonfinite > 1 ? "s" : "") +
                     " NaN or infinite, read as 0\n");
 }
 
-void Stream(Source& source, Converter& converter, std::size_t chunkSamples, bool progress, const std::string& name,
-            const std::function<void(const Block&)>& onBlock,
-            const std::function<void(const std::vector<short>&)>& onChunk)
+void SetInputFields(Record& summary, const Source& source, const LibraryFeed& feed, long long nonfinite)
 {
-    // Blocks no longer than a chunk (of original frames), so that live input
-    // is analysed as soon as a chunk of it has arrived.
-    const double ratio = static_cast<double>(source.Rate()) / oku_nearest_rate(static_cast<double>(source.Rate()));
-    const std::size_t blockFrames =
-        std::min<std::size_t>(16384, std::max<std::size_t>(1, static_cast<std::size_t>(std::ceil(chunkSamples * ratio))));
+    const bool converted = oku_analysis_rate(feed.Rate()) != feed.Rate();
+    summary.Set("nonfinite_samples", nonfinite)
+        .Set("channels", static_cast<long long>(source.Channels()))
+        .Set("sample_type", std::string(feed.Floats() ? "float32" : "int16"))
+        .Set("resampler", std::string(feed.Resampled() ? "libsoxr" : converted ? "library" : "none"))
+        .Set("frames", source.FramesRead());
+    if (source.Declared() >= 0)
+        summary.Set("declared_frames", source.Declared());
+    else
+        summary.SetNull("declared_frames");
+}
+
+void Stream(Source& source, LibraryFeed& feed, bool progress, const std::string& name,
+            const std::function<void(const Block&)>& onBlock, const std::function<void(const Chunk&)>& onChunk)
+{
     Progress bar(name, source.Frames() > 60 * source.Rate() ? source.Frames() : 0, progress);
-    std::vector<short> chunk;
+    Chunk chunk;
     Block block;
-    while (source.Read(block, blockFrames)) {
+    while (source.Read(block, feed.BlockFrames())) {
         onBlock(block);
-        converter.Push(block);
-        while (converter.Take(chunk, chunkSamples))
+        feed.Push(block);
+        while (feed.Take(chunk))
             onChunk(chunk);
         bar.Update(source.FramesRead());
     }
-    converter.Finish();
-    while (converter.Take(chunk, chunkSamples))
+    feed.Finish();
+    while (feed.Take(chunk))
         onChunk(chunk);
 }
 

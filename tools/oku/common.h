@@ -1,5 +1,5 @@
 // What both subcommands need: the input being run, the library's handles,
-// and the loop that reads, converts and chunks an input.
+// and the loop that reads an input and hands it to the library in chunks.
 #ifndef OKU_TOOL_COMMON_H
 #define OKU_TOOL_COMMON_H
 
@@ -46,38 +46,38 @@ struct AgcDeleter {
 using VadHandle = std::unique_ptr<oku_vad, VadDeleter>;
 using AgcHandle = std::unique_ptr<oku_agc, AgcDeleter>;
 
-// An input opened for a run: its source, the rate it is analysed at (its own
-// when the library takes it, else the nearest one), and its converter.
+// An input opened for a run: its source, and how its frames reach the library.
 struct OpenedInput {
     std::unique_ptr<Source> source;
-    int rate = 0;
-    std::unique_ptr<Converter> converter;
+    std::unique_ptr<LibraryFeed> feed;
 };
 
-// Opens an input as the options say (raw or not) and notes on standard error
-// what is done to bring it to the library (mixing down, resampling).
+// Opens an input as the options say (raw or not) and, unless --quiet, notes
+// on standard error what is done to bring it to the library's analysis rate.
 OpenedInput OpenInput(const std::string& name, const Options& options);
 
 // Throws InputError with the library's message unless status is OKU_OK.
 void Check(int status);
 
-// Samples per library call for a chunk length in ms, rounded as the library
-// rounds them for every front end; InputError for a chunk of no sample.
-std::size_t ChunkSamples(double chunkMs, int rate);
-
 // The name an input gives its segment files: the file name without folder and
 // extension, "stdin" for standard input.
 std::string BaseName(const std::string& input);
 
-// Says how many samples were NaN or infinite (read as 0), if any.
-void NoteNonFinite(const std::string& name, long long count);
+// The end of an input: InputError when nothing was read; a warning when the
+// frames decoded differ from the length its header declares; a note of the
+// NaN and infinite samples read as 0 (nonfinite, as the handle counted them).
+void CheckInputEnd(const std::string& name, const Source& source, long long nonfinite);
+
+// The summary's fields of every command about the input and its way into the
+// library: its channels, the sample type handed over, who resampled it, and
+// the frames decoded and declared.
+void SetInputFields(Record& summary, const Source& source, const LibraryFeed& feed, long long nonfinite);
 
 // Reads the input to its end: every block of original frames goes to onBlock,
-// then the converted samples to onChunk in chunks of chunkSamples (the last may
-// be shorter). A live input is handed on as it arrives.
-void Stream(Source& source, Converter& converter, std::size_t chunkSamples, bool progress, const std::string& name,
-            const std::function<void(const Block&)>& onBlock,
-            const std::function<void(const std::vector<short>&)>& onChunk);
+// then to the library's feed, whose chunks go to onChunk (the last may be
+// shorter). A live input is handed on as it arrives.
+void Stream(Source& source, LibraryFeed& feed, bool progress, const std::string& name,
+            const std::function<void(const Block&)>& onBlock, const std::function<void(const Chunk&)>& onChunk);
 
 }  // namespace okutool
 

@@ -84,27 +84,56 @@ bool IsFloatSubtype(int subtype)
     }
 }
 
-// The rate a RIFF/WAVE header states, for a message when libsndfile refuses
-// the file: -1 when the file is no WAVE file or the field cannot be found.
-long WaveHeaderRate(int fd)
+unsigned long U32(const unsigned char* p)
 {
-    unsigned char h[4096];
-    const ssize_t n = ::pread(fd, h, sizeof h, 0);
-    if (n < 12 || std::memcmp(h, "RIFF", 4) != 0 || std::memcmp(h + 8, "WAVE", 4) != 0)
-        return -1;
-    auto u32 = [&](ssize_t at) {
-        return static_cast<unsigned long>(h[at]) | static_cast<unsigned long>(h[at + 1]) << 8 |
-               static_cast<unsigned long>(h[at + 2]) << 16 | static_cast<unsigned long>(h[at + 3]) << 24;
-    };
-    for (ssize_t at = 12; at + 8 <= n;) {
-        const unsigned long size = u32(at + 4);
-        if (std::memcmp(h + at, "fmt ", 4) == 0)
-            return at + 16 <= n ? static_cast<long>(u32(at + 12)) : -1;
-        if (size > static_cast<unsigned long>(n))
-            return -1;
-        at += 8 + static_cast<ssize_t>(size + (size & 1));
+    return static_cast<unsigned long>(p[0]) | static_cast<unsigned long>(p[1]) << 8 |
+           static_cast<unsigned long>(p[2]) << 16 | static_cast<unsigned long>(p[3]) << 24;
+}
+
+unsigned U16(const unsigned char* p) { return static_cast<unsigned>(p[0]) | static_cast<unsigned>(p[1]) << 8; }
+
+// What a RIFF/WAVE header states: the rate (for a message when libsndfile
+// refuses the file) and the frames its data chunk declares. -1 where the file
+// is no WAVE file or a field cannot be found. The length is taken only from
+// encodings of one block per frame (PCM, float, A-law, mu-law), and not when
+// the writer left it open: 0, or a placeholder for "as long as it goes" that
+// streaming writers put there (0x7FFFF000 by espeak-ng --stdout, 0x7FFFFFFF,
+// 0xFFFFFFFF).
+struct WaveHeader {
+    long rate = -1;
+    long long declared = -1;
+};
+
+WaveHeader ReadWaveHeader(int fd)
+{
+    WaveHeader h;
+    unsigned char b[48];
+    if (::pread(fd, b, 12, 0) != 12 || std::memcmp(b, "RIFF", 4) != 0 || std::memcmp(b + 8, "WAVE", 4) != 0)
+        return h;
+    unsigned tag = 0, align = 0;
+    off_t at = 12;
+    for (int chunk = 0; chunk < 256; ++chunk) {
+        if (::pread(fd, b, 8, at) != 8)
+            return h;
+        const unsigned long size = U32(b + 4);
+        if (std::memcmp(b, "fmt ", 4) == 0) {
+            const std::size_t want = std::min<unsigned long>(size, 40);
+            if (want < 16 || ::pread(fd, b + 8, want, at + 8) != static_cast<ssize_t>(want))
+                return h;
+            tag = U16(b + 8);
+            h.rate = static_cast<long>(U32(b + 12));
+            align = U16(b + 20);
+            if (tag == 0xFFFE && want >= 40)
+                tag = U16(b + 32);  // WAVE_FORMAT_EXTENSIBLE: the subformat's first two bytes are its tag
+        } else if (std::memcmp(b, "data", 4) == 0) {
+            const bool open = size == 0 || size == 0x7FFFF000UL || size == 0x7FFFFFFFUL || size == 0xFFFFFFFFUL;
+            if ((tag == 1 || tag == 3 || tag == 6 || tag == 7) && align > 0 && !open)
+                h.declared = static_cast<long long>(size / align);
+            return h;
+        }
+        at += static_cast<off_t>(8 + size + (size & 1));
     }
-    return -1;
+    return h;
 }
 
 // Copies all of fd into an unlinked temporary file and returns it, rewound.
@@ -160,7 +189,7 @@ public:
         struct stat st;
         if (::fstat(_fd.Get(), &st) == 0 && st.st_size == 0)
             throw InputError("empty file");
-        const long headerRate = WaveHeaderRate(_fd.Get());
+        const WaveHeader wave = ReadWaveHeader(_fd.Get());
         SF_INFO info{};
         // libsndfile gets a descriptor of its own: when it cannot open a file
         // it closes the descriptor it was given, whatever it was told, and a
@@ -171,8 +200,8 @@ public:
             throw InputError("cannot read: " + ErrnoText(errno));
         _file.reset(sf_open_fd(lent, SFM_READ, &info, SF_TRUE));
         if (!_file) {
-            if (headerRate >= 0)
-                CheckRate(headerRate, "in its header");
+            if (wave.rate >= 0)
+                CheckRate(wave.rate, "in its header");
             throw InputError(std::string("not an audio file libsndfile can read (") + sf_strerror(nullptr) + ")");
         }
 #ifdef OKU_HAVE_MPG123
@@ -186,10 +215,16 @@ public:
         _subtype = info.format & SF_FORMAT_SUBMASK;
         _kind = IsFloatSubtype(_subtype) ? SampleKind::Float : SampleKind::Int;
         _frames = info.frames;
+        // A WAV file's data chunk and a FLAC file's stream information declare a
+        // length; libsndfile's own count of a WAV file's frames follows its size.
+        if ((info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_FLAC)
+            _declared = info.frames;
+        else
+            _declared = wave.declared;
         if (info.frames <= 0)
             throw InputError("no audio in it (empty)");
         CheckRate(_rate, "in its header");
-        if (_channels < 1 || _channels > 1024)
+        if (_channels < 1)
             throw InputError("cannot use " + std::to_string(_channels) + " channels");
     }
 
@@ -329,12 +364,6 @@ private:
     std::vector<std::int32_t> _ints;
 };
 
-short ToSample(float x)
-{
-    const float scaled = std::nearbyint(x * 32768.0f);
-    return static_cast<short>(std::max(-32768.0f, std::min(32767.0f, scaled)));
-}
-
 }  // namespace
 
 #ifdef OKU_HAVE_MPG123
@@ -430,105 +459,120 @@ std::unique_ptr<Source> OpenSource(const std::string& name, const RawFormat* raw
     return std::unique_ptr<Source>(source.release());
 }
 
-Converter::Converter(const Source& source, int outRate)
-    : _channels(source.Channels()),
-      _kind(source.Kind()),
-      _exact(source.Channels() == 1 && source.Rate() == outRate && source.Kind() == SampleKind::Int &&
-             source.Subtype() == SF_FORMAT_PCM_16)
+LibraryFeed::LibraryFeed(const Source& source, double chunkMs)
+    : _channels(source.Channels()), _inputRate(source.Rate()), _kind(source.Kind())
 {
-    if (source.Rate() != outRate) {
+    const bool listed = oku_analysis_rate(static_cast<double>(_inputRate)) != 0;
+    _rate = listed ? static_cast<int>(_inputRate) : oku_nearest_rate(static_cast<double>(_inputRate));
+    _floats = !listed || _kind == SampleKind::Float || source.Subtype() != SF_FORMAT_PCM_16;
+    std::size_t frames = 0;
+    if (oku_chunk_samples(_rate, chunkMs, &frames) != OKU_OK)
+        throw InputError("--chunk-ms " + Num(chunkMs) + " at " + std::to_string(_rate) + " Hz: " + oku_last_error());
+    _chunkFrames = frames;
+    const double ratio = static_cast<double>(_inputRate) / _rate;
+    _blockFrames = std::min<std::size_t>(16384, std::max<std::size_t>(1, static_cast<std::size_t>(std::ceil(frames * ratio))));
+    if (!listed) {
         soxr_error_t error = nullptr;
         const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
         const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
-        _soxr = soxr_create(static_cast<double>(source.Rate()), outRate, 1, &error, &io, &quality, nullptr);
+        _soxr = soxr_create(static_cast<double>(_inputRate), _rate, static_cast<unsigned>(_channels), &error, &io,
+                            &quality, nullptr);
         if (error)
             throw InputError(std::string("cannot resample: ") + error);
     }
 }
 
-Converter::~Converter()
+LibraryFeed::~LibraryFeed()
 {
     if (_soxr)
         soxr_delete(_soxr);
 }
 
-void Converter::Push(const Block& block)
+void LibraryFeed::Push(const Block& block)
 {
-    if (_taken > 0 && _taken * 2 >= _out.size()) {
-        _out.erase(_out.begin(), _out.begin() + static_cast<std::ptrdiff_t>(_taken));
+    // What was handed out goes once it is half the buffer.
+    std::vector<short>& s = _shorts;
+    std::vector<float>& f = _out;
+    if (_taken > 0 && _taken * 2 >= (_floats ? f.size() : s.size())) {
+        if (_floats)
+            f.erase(f.begin(), f.begin() + static_cast<std::ptrdiff_t>(_taken));
+        else
+            s.erase(s.begin(), s.begin() + static_cast<std::ptrdiff_t>(_taken));
         _taken = 0;
     }
-    const std::size_t channels = static_cast<std::size_t>(_channels);
-    if (_exact) {
-        for (std::size_t i = 0; i < block.frames; ++i)
-            _out.push_back(static_cast<short>(block.ints[i] / 65536));  // 16-bit samples: low bits are 0
+    const std::size_t n = block.frames * static_cast<std::size_t>(_channels);
+    if (!_floats) {
+        // 16-bit PCM: libsndfile's ints hold the sample in the top 16 bits.
+        for (std::size_t i = 0; i < n; ++i)
+            s.push_back(static_cast<short>(block.ints[i] >> 16));
         return;
     }
-    _mono.resize(block.frames);
-    for (std::size_t i = 0; i < block.frames; ++i) {
-        float sum = 0.0f;
-        for (std::size_t c = 0; c < channels; ++c) {
-            float x;
-            if (_kind == SampleKind::Int) {
-                x = static_cast<float>(block.ints[i * channels + c]) / 2147483648.0f;
-            } else {
-                x = block.floats[i * channels + c];
-                if (!std::isfinite(x)) {
-                    ++_nonFinite;
-                    x = 0.0f;
-                }
-            }
-            sum += x;
-        }
-        _mono[i] = sum / static_cast<float>(_channels);
+    std::vector<float>& to = _soxr ? _in : f;
+    if (_soxr)
+        to.clear();
+    if (_kind == SampleKind::Int) {
+        for (std::size_t i = 0; i < n; ++i)
+            to.push_back(static_cast<float>(block.ints[i]) * (1.0f / 2147483648.0f));
+    } else {
+        to.insert(to.end(), block.floats, block.floats + n);
     }
-    Resample(_mono.data(), block.frames);
+    if (_soxr) {
+        for (float& x : _in)
+            if (!std::isfinite(x)) {
+                ++_nonFinite;
+                x = 0.0f;
+            }
+        Resample(_in.data(), block.frames);
+    }
 }
 
-void Converter::Finish()
+void LibraryFeed::Finish()
 {
     if (!_finished && _soxr)
         Resample(nullptr, 0);
     _finished = true;
 }
 
-void Converter::Append(const float* samples, std::size_t count)
+void LibraryFeed::Resample(const float* in, std::size_t frames)
 {
-    for (std::size_t i = 0; i < count; ++i)
-        _out.push_back(ToSample(samples[i]));
-}
-
-void Converter::Resample(const float* in, std::size_t count)
-{
-    if (!_soxr) {
-        Append(in, count);
-        return;
-    }
-    float out[4096];
+    const std::size_t c = static_cast<std::size_t>(_channels);
+    std::vector<float> out(4096 * c);
     std::size_t done = 0;
     for (;;) {
         std::size_t used = 0, produced = 0;
-        const soxr_error_t error = soxr_process(_soxr, in ? in + done : nullptr, in ? count - done : 0, &used, out,
-                                                sizeof out / sizeof out[0], &produced);
+        const soxr_error_t error =
+            soxr_process(_soxr, in ? in + done * c : nullptr, in ? frames - done : 0, &used, out.data(), 4096, &produced);
         if (error)
             throw InputError(std::string("resampling failed: ") + error);
         done += used;
-        Append(out, produced);
-        if (in ? done >= count && produced < sizeof out / sizeof out[0] : produced == 0)
+        _out.insert(_out.end(), out.begin(), out.begin() + static_cast<std::ptrdiff_t>(produced * c));
+        if (in ? done >= frames && produced < 4096 : produced == 0)
             return;
     }
 }
 
-bool Converter::Take(std::vector<short>& chunk, std::size_t n)
+bool LibraryFeed::Take(Chunk& chunk)
 {
-    const std::size_t available = _out.size() - _taken;
-    if (available == 0 || (available < n && !_finished))
+    const std::size_t c = static_cast<std::size_t>(_channels);
+    const std::size_t available = ((_floats ? _out.size() : _shorts.size()) - _taken) / c;
+    if (available == 0 || (available < _chunkFrames && !_finished))
         return false;
-    const std::size_t count = std::min(n, available);
-    chunk.assign(_out.begin() + static_cast<std::ptrdiff_t>(_taken),
-                 _out.begin() + static_cast<std::ptrdiff_t>(_taken + count));
-    _taken += count;
+    chunk = Chunk();
+    chunk.frames = std::min(_chunkFrames, available);
+    if (_floats)
+        chunk.floats = _out.data() + _taken;
+    else
+        chunk.shorts = _shorts.data() + _taken;
+    _taken += chunk.frames * c;
     return true;
+}
+
+long long LibraryFeed::InputFrame(long long position, long long framesRead) const
+{
+    if (!_soxr)
+        return std::min(std::max(0LL, position), framesRead);
+    const double frame = static_cast<double>(position) * static_cast<double>(_inputRate) / _rate;
+    return std::min(std::max(0LL, std::llround(frame)), framesRead);
 }
 
 }  // namespace okutool

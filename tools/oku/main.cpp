@@ -44,14 +44,24 @@ void PlanOutputs(const Options& o, FilePlan& plan)
     }
     if (o.splitDir.empty())
         return;
-    for (int i = 0; i < count; ++i)
-        for (int j = 0; j < i; ++j)
-            if (BaseName(o.inputs[static_cast<std::size_t>(i)]) == BaseName(o.inputs[static_cast<std::size_t>(j)]))
-                throw UsageError("--split: inputs " + o.inputs[static_cast<std::size_t>(j)] + " and " +
-                                 o.inputs[static_cast<std::size_t>(i)] + " would both write " +
-                                 SegmentWriter::FileName(BaseName(o.inputs[static_cast<std::size_t>(i)]), 1, 0.0)
-                                     .replace(BaseName(o.inputs[static_cast<std::size_t>(i)]).size() + 1, 3, "NNN") +
-                                 " and so on; split them in separate runs");
+    // Clips: a usable template, and inputs whose clips cannot meet (the same
+    // file named twice, or one base name in two folders without {dir}).
+    const ClipOptions clips{o.splitDir, o.splitName, o.splitFlac};
+    std::vector<std::string> shapes;
+    try {
+        ClipNames::CheckTemplate(o.splitName);
+        for (const std::string& in : o.inputs)
+            shapes.push_back(ClipNames::Shape(clips, in));
+    } catch (const std::invalid_argument& e) {
+        throw UsageError(e.what());
+    }
+    for (std::size_t i = 0; i < shapes.size(); ++i)
+        for (std::size_t j = 0; j < i; ++j)
+            if (shapes[i] == shapes[j])
+                throw UsageError("--split: inputs " + o.inputs[j] + " and " + o.inputs[i] + " would both write " +
+                                 ClipNames::Path(clips, o.inputs[i], 1, 0.0, 0.0) +
+                                 " and so on; give a --split-name that tells them apart, such as "
+                                 "'{dir}/{base}-{index}-{start}s'");
     struct stat st;
     if (::stat(o.splitDir.c_str(), &st) == 0) {
         if (!S_ISDIR(st.st_mode))
@@ -66,23 +76,30 @@ struct Failure {
     bool stdout = false;  // standard output failed: the run stops
 };
 
-// Runs one input; reports a failure on standard error.
+// Runs one input; reports a failure on standard error and as an error record.
 void RunOne(const InputSlot& slot, const Run& run, Writer& writer, Failure& failure)
 {
+    std::string message;
     try {
         if (run.options.Agc())
             RunAgc(slot, run, writer);
         else
             RunVad(slot, run, writer);
+        return;
     } catch (const StdoutError& e) {
         WriteStderr(std::string("oku: ") + e.what() + "\n");
         failure.stdout = true;
-    } catch (const OutputError& e) {
-        WriteStderr("oku: " + slot.name + ": " + e.what() + "\n");
-        failure.input = true;
+        return;
     } catch (const std::exception& e) {
-        WriteStderr("oku: " + slot.name + ": " + e.what() + "\n");
-        failure.input = true;
+        message = e.what();
+    }
+    WriteStderr("oku: " + slot.name + ": " + message + "\n");
+    failure.input = true;
+    try {
+        writer.Write(Record(RecordType::Error).Set("message", message));
+    } catch (const StdoutError& e) {
+        WriteStderr(std::string("oku: ") + e.what() + "\n");
+        failure.stdout = true;
     }
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "oku.h"
 #include "text.h"
 
 namespace okutool {
@@ -32,6 +33,17 @@ double ParseDouble(const std::string& option, const std::string& text, double mi
     return v;
 }
 
+// The library's input rates for people: "8000, 11025, ... Hz".
+std::string InputRates()
+{
+    std::size_t count = 0;
+    const int* rates = oku_input_rates(&count);
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i)
+        text += (i ? ", " : "") + std::to_string(rates[i]);
+    return text + " Hz";
+}
+
 }  // namespace
 
 std::string HelpText(const std::string& command)
@@ -44,20 +56,29 @@ std::string HelpText(const std::string& command)
         "  --chunk-ms MS           audio per library call in milliseconds (default 20)\n"
         "  --raw --rate R          inputs (files, FIFOs or '-') are raw signed 16-bit little-endian\n"
         "                          PCM at R Hz, read as it arrives\n"
-        "  --channels N            channels of raw input (default 1; mixed down to mono)\n"
+        "  --channels N            channels of raw input (default 1; the library mixes them)\n"
         "  --no-progress           no progress bar on stderr\n"
+        "  --quiet                 no information lines on stderr (nor progress bar); warnings\n"
+        "                          and errors stay\n"
         "  --help                  this text\n"
-        "\nInputs are any files libsndfile reads (WAV, FLAC, Ogg, ...), or '-' for standard input.\n"
-        "Several channels are mixed down; a rate the library does not take is resampled to the\n"
-        "nearest one it does. No output ever overwrites an input. Exit status: 0 all inputs done,\n"
-        "1 an input or an output failed (the other inputs are still processed), 2 a bad option,\n"
-        "output name or parameter string (nothing is processed).\n";
+        "\nInputs are any files libsndfile reads (WAV, FLAC, Ogg, ...), MP3, or '-' for standard\n"
+        "input, at their own rate and channels. The library takes these rates itself:\n  " + InputRates() +
+        "\nanother rate is resampled with libsoxr first. No output ever overwrites an input.\n"
+        "Exit status: 0 all inputs done, 1 an input or an output failed (an error record with\n"
+        "--format json or csv; the other inputs are still processed), 2 a bad option, output name\n"
+        "or parameter string (nothing is processed).\n";
     if (command == "vad")
         return "usage: oku vad [options] FILE...\n"
                "Prints the speech segments of each input and a summary of its recording conditions.\n\n"
                "  --meter                 also print every volume reading\n"
-               "  --split DIR             write each speech segment to DIR as its own WAV file, in the\n"
-               "                          input's rate, channels and sample format, as it closes\n" +
+               "  --split DIR             write each speech segment to DIR as its own audio file, in the\n"
+               "                          input's rate, channels and samples, as it closes; the\n"
+               "                          segment record names it (clip)\n"
+               "  --split-name TEMPLATE   the clip's path under DIR without extension, from {base} (the\n"
+               "                          input's name), {dir} (its folder), {index}, {start}, {end}\n"
+               "                          (default {base}-{index}-{start}s)\n"
+               "  --split-format wav|flac the clips' format (default wav)\n"
+               "  --max-segment-ms MS     cut a longer segment into the fewest equal pieces of at most MS\n" +
                common;
     if (command == "agc")
         return "usage: oku agc [options] FILE...\n"
@@ -90,6 +111,7 @@ Request ParseOptions(int argc, char** argv, Options& o)
     o.command = args[0];
 
     bool endOfOptions = false;
+    bool split = false;  // an option that applies to --split
     for (std::size_t i = 1; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (endOfOptions || a == "-" || a.compare(0, 2, "--") != 0) {
@@ -137,13 +159,27 @@ Request ParseOptions(int argc, char** argv, Options& o)
         } else if (a == "--rate") {
             o.rawFormat.rate = ParseLong(a, value(), kMinInputRate, kMaxInputRate);
         } else if (a == "--channels") {
-            o.rawFormat.channels = static_cast<int>(ParseLong(a, value(), 1, 64));
+            o.rawFormat.channels = static_cast<int>(ParseLong(a, value(), 1, oku_max_channels()));
         } else if (a == "--no-progress") {
+            o.progress = false;
+        } else if (a == "--quiet") {
+            o.quiet = true;
             o.progress = false;
         } else if (vad && a == "--meter") {
             o.meter = true;
         } else if (vad && a == "--split") {
             o.splitDir = path();
+        } else if (vad && a == "--split-name") {
+            o.splitName = value();
+            split = true;
+        } else if (vad && a == "--split-format") {
+            const std::string& f = value();
+            if (f != "wav" && f != "flac")
+                throw UsageError("--split-format: expected wav or flac, got '" + f + "'");
+            o.splitFlac = f == "flac";
+            split = true;
+        } else if (vad && a == "--max-segment-ms") {
+            o.maxSegmentMs = ParseDouble(a, value(), 0.0, 1e9);
         } else if (!vad && a == "--bound") {
             o.bound = ParseLong(a, value(), 1, 2147483647L);
         } else if (!vad && a == "--volume") {
@@ -161,6 +197,8 @@ Request ParseOptions(int argc, char** argv, Options& o)
     }
     if (o.inputs.empty())
         throw UsageError("no input files; try 'oku " + o.command + " --help'");
+    if (split && o.splitDir.empty())
+        throw UsageError("--split-name and --split-format apply to --split only");
     if (o.raw && o.rawFormat.rate == 0)
         throw UsageError("--raw needs --rate R");
     if (!o.raw && (o.rawFormat.rate != 0 || o.rawFormat.channels != 1))

@@ -24,10 +24,14 @@ struct Options {
     RawFormat rawFormat;
     double chunkMs = 20.0;            // audio per library call
     bool progress = true;
+    bool quiet = false;               // no information lines (nor progress bar) on stderr
     std::string plot;                 // SVG file pattern; empty: none
     // vad
     bool meter = false;
     std::string splitDir;             // empty: none
+    std::string splitName = "{base}-{index}-{start}s";  // clip path under splitDir, without extension
+    bool splitFlac = false;           // FLAC clips instead of WAV
+    double maxSegmentMs = 0;          // 0: segments are not cut
     // agc
     long bound = 65535;
     long volume = -1;                 // -1: half the bound

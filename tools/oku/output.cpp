@@ -145,7 +145,7 @@ void FilePlan::AddOutput(const std::string& option, const std::string& path)
     _outputs.emplace_back(id, path);
 }
 
-void FilePlan::CheckDuringRun(const std::string& path) const
+void FilePlan::Claim(const std::string& path) const
 {
     Id id;
     std::string why;
@@ -157,6 +157,18 @@ void FilePlan::CheckDuringRun(const std::string& path) const
     for (const auto& out : _outputs)
         if (out.first == id)
             throw OutputError(path + ": is also the output " + out.second);
+    // Clips are told apart by their folder and name, whether they exist yet or not.
+    struct stat st;
+    const std::string folder = Folder(path);
+    if (::stat(folder.c_str(), &st) != 0)
+        throw OutputError(path + ": cannot be written (folder " + folder + ": " + ErrnoText(errno) + ")");
+    const Id place{st.st_dev, st.st_ino, Base(path)};
+    std::lock_guard<std::mutex> guard(_claimLock);
+    for (const auto& clip : _claimed)
+        if (clip.first == place)
+            throw OutputError(path + ": written already by this run as " + clip.second +
+                              " (two segments would write one file)");
+    _claimed.emplace_back(place, path);
 }
 
 OutFile::OutFile(const std::string& path) : _path(path)
@@ -190,14 +202,15 @@ void OutFile::Close()
         throw OutputError(_path + ": cannot write: " + ErrnoText(errno));
 }
 
-WavWriter::WavWriter(const std::string& path, int rate, int channels, int subtype) : _path(path)
+SoundWriter::SoundWriter(const std::string& path, int rate, int channels, int subtype, int container) : _path(path)
 {
     SF_INFO info{};
     info.samplerate = rate;
     info.channels = channels;
-    info.format = SF_FORMAT_WAV | subtype;
+    info.format = container | subtype;
     if (!sf_format_check(&info))
-        throw OutputError(path + ": cannot write a WAV file of this format");
+        throw OutputError(path + ": cannot write a " + (container == SF_FORMAT_FLAC ? "FLAC" : "WAV") +
+                          " file of this format");
     const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0)
         throw OutputError(path + ": cannot write: " + ErrnoText(errno));
@@ -214,7 +227,7 @@ WavWriter::WavWriter(const std::string& path, int rate, int channels, int subtyp
     sf_command(_file, SFC_SET_CLIPPING, nullptr, SF_TRUE);
 }
 
-WavWriter::~WavWriter()
+SoundWriter::~SoundWriter()
 {
     if (_file) {
         sf_close(_file);
@@ -222,13 +235,13 @@ WavWriter::~WavWriter()
     }
 }
 
-void WavWriter::Remove()
+void SoundWriter::Remove()
 {
     if (_regular)
         ::unlink(_path.c_str());
 }
 
-void WavWriter::Check(sf_count_t written, std::size_t wanted)
+void SoundWriter::Check(sf_count_t written, std::size_t wanted)
 {
     if (written != static_cast<sf_count_t>(wanted) || sf_error(_file) != SF_ERR_NO_ERROR) {
         const int error = errno;
@@ -239,25 +252,25 @@ void WavWriter::Check(sf_count_t written, std::size_t wanted)
     }
 }
 
-void WavWriter::WriteShorts(const short* frames, std::size_t count)
+void SoundWriter::WriteShorts(const short* frames, std::size_t count)
 {
     if (count)
         Check(sf_writef_short(_file, frames, static_cast<sf_count_t>(count)), count);
 }
 
-void WavWriter::WriteInts(const std::int32_t* frames, std::size_t count)
+void SoundWriter::WriteInts(const std::int32_t* frames, std::size_t count)
 {
     if (count)
         Check(sf_writef_int(_file, frames, static_cast<sf_count_t>(count)), count);
 }
 
-void WavWriter::WriteFloats(const float* frames, std::size_t count)
+void SoundWriter::WriteFloats(const float* frames, std::size_t count)
 {
     if (count)
         Check(sf_writef_float(_file, frames, static_cast<sf_count_t>(count)), count);
 }
 
-void WavWriter::Close()
+void SoundWriter::Close()
 {
     SNDFILE* f = _file;
     _file = nullptr;

@@ -52,9 +52,10 @@ public:
     // Checks an output named before anything is written: throws std::invalid_argument
     // (a usage error) when it is an input, another output, or cannot be written.
     void AddOutput(const std::string& option, const std::string& path);
-    // Checks an output made during the run (a segment file): throws OutputError
-    // when it names an input or a planned output.
-    void CheckDuringRun(const std::string& path) const;
+    // Claims an output made during the run (a segment's clip): throws
+    // OutputError when it names an input, a planned output, or a file another
+    // clip of this run has claimed. Safe to call from several threads.
+    void Claim(const std::string& path) const;
 
 private:
     struct Id {
@@ -68,6 +69,8 @@ private:
 
     std::vector<std::pair<Id, std::string>> _inputs;
     std::vector<std::pair<Id, std::string>> _outputs;
+    mutable std::mutex _claimLock;
+    mutable std::vector<std::pair<Id, std::string>> _claimed;  // by folder and name
 };
 
 // A file written by the command. Close() reports the last errors; a regular
@@ -90,14 +93,15 @@ private:
     bool _regular = false;  // only a regular file is removed (never /dev/null, a FIFO, ...)
 };
 
-// A WAV file written through libsndfile, with the same rules as OutFile.
-class WavWriter {
+// An audio file written through libsndfile, with the same rules as OutFile.
+class SoundWriter {
 public:
-    // subtype: a libsndfile SF_FORMAT_* subtype (PCM_16, FLOAT, ...).
-    WavWriter(const std::string& path, int rate, int channels, int subtype);
-    ~WavWriter();
-    WavWriter(const WavWriter&) = delete;
-    WavWriter& operator=(const WavWriter&) = delete;
+    // container: SF_FORMAT_WAV or SF_FORMAT_FLAC; subtype: a libsndfile
+    // SF_FORMAT_* subtype (PCM_16, FLOAT, ...) the container holds.
+    SoundWriter(const std::string& path, int rate, int channels, int subtype, int container = SF_FORMAT_WAV);
+    ~SoundWriter();
+    SoundWriter(const SoundWriter&) = delete;
+    SoundWriter& operator=(const SoundWriter&) = delete;
 
     void WriteShorts(const short* frames, std::size_t count);
     // Frames as libsndfile's ints (the sample in the top bits) or floats; count in frames.

@@ -45,10 +45,9 @@ AgcPlot::AgcPlot(int rate, long bound, long startVolume)
     _volume.At(0).Add(static_cast<double>(startVolume));
 }
 
-void AgcPlot::AddAudio(const std::vector<short>& samples, long long position)
+void AgcPlot::AddAudio(const Chunk& chunk, int channels, long long position)
 {
-    for (std::size_t i = 0; i < samples.size(); ++i)
-        _envelope.At(position + static_cast<long long>(i)).Add(samples[i]);
+    AddEnvelope(_envelope, chunk, channels, position);
 }
 
 void AgcPlot::AddDecision(long long position, int control, double pauseDb, double speechDb, long before, long after)

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "input.h"
 #include "timeline.h"
 
 namespace okutool {
@@ -13,8 +14,9 @@ namespace okutool {
 class AgcPlot {
 public:
     AgcPlot(int rate, long bound, long startVolume);
-    // Positions are samples at the processing rate from the start of the input.
-    void AddAudio(const std::vector<short>& samples, long long position);
+    // Positions are frames at the rate the library takes the input at (the
+    // input's own, or what libsoxr made of it), from the start of the input.
+    void AddAudio(const Chunk& chunk, int channels, long long position);
     // A decision: the levels it used and the volume before and after.
     void AddDecision(long long position, int control, double pauseDb, double speechDb, long before, long after);
     // band: the wanted speech level (dB of frame power), from the gain control's settings.

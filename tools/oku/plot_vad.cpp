@@ -39,10 +39,9 @@ void VadPlot::Meter::Merge(const Meter& m)
 
 VadPlot::VadPlot(int rate) : _rate(rate), _envelope(rate / 1000), _meter(rate / 1000), _speech(rate / 1000) {}
 
-void VadPlot::AddAudio(const std::vector<short>& samples, long long position)
+void VadPlot::AddAudio(const Chunk& chunk, int channels, long long position)
 {
-    for (std::size_t i = 0; i < samples.size(); ++i)
-        _envelope.At(position + static_cast<long long>(i)).Add(samples[i]);
+    AddEnvelope(_envelope, chunk, channels, position);
 }
 
 void VadPlot::AddReading(long long position, double dbfs, int assessment)

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "input.h"
 #include "timeline.h"
 
 namespace okutool {
@@ -13,8 +14,9 @@ namespace okutool {
 class VadPlot {
 public:
     explicit VadPlot(int rate);
-    // Positions are samples at the processing rate from the start of the input.
-    void AddAudio(const std::vector<short>& samples, long long position);
+    // Positions are frames at the rate the library takes the input at (the
+    // input's own, or what libsoxr made of it), from the start of the input.
+    void AddAudio(const Chunk& chunk, int channels, long long position);
     void AddReading(long long position, double dbfs, int assessment);
     void AddSegment(long long start, long long end);
     void Save(const std::string& path, const std::string& title, long long samples) const;

@@ -27,6 +27,12 @@ std::vector<std::string> Join(std::vector<std::string> a, const std::vector<std:
     return a;
 }
 
+// The summary fields about an input's way into the library (SetInputFields).
+std::vector<std::string> InputFields()
+{
+    return {"channels", "sample_type", "resampler", "frames", "declared_frames"};
+}
+
 // The columns of a command: every field of its record types, in order of first use.
 std::vector<std::string> Columns(const std::vector<RecordType>& types)
 {
@@ -41,8 +47,9 @@ std::vector<std::string> Columns(const std::vector<RecordType>& types)
 const std::vector<std::string>& CsvColumns(bool agc)
 {
     static const std::vector<std::string> vad =
-        Columns({RecordType::Segment, RecordType::Start, RecordType::Meter, RecordType::VadSummary});
-    static const std::vector<std::string> gain = Columns({RecordType::Decision, RecordType::AgcSummary});
+        Columns({RecordType::Segment, RecordType::Start, RecordType::Meter, RecordType::VadSummary, RecordType::Error});
+    static const std::vector<std::string> gain =
+        Columns({RecordType::Decision, RecordType::AgcSummary, RecordType::Error});
     return agc ? gain : vad;
 }
 
@@ -65,6 +72,8 @@ const char* TypeName(RecordType type)
         return "meter";
     case RecordType::Decision:
         return "decision";
+    case RecordType::Error:
+        return "error";
     case RecordType::VadSummary:
     case RecordType::AgcSummary:
         break;
@@ -74,20 +83,21 @@ const char* TypeName(RecordType type)
 
 const std::vector<std::string>& Fields(RecordType type)
 {
-    static const std::vector<std::string> segment = {"index",    "start_s",      "end_s",
-                                                     "duration_s", "start_sample", "end_sample"};
+    static const std::vector<std::string> segment = {"index",        "start_s",    "end_s", "duration_s",
+                                                     "start_sample", "end_sample", "clip"};
     static const std::vector<std::string> start = {"index", "start_s", "start_sample"};
     static const std::vector<std::string> meter = {"time_s", "peak", "dbfs", "snr_pct", "assessment", "speech"};
     static const std::vector<std::string> vadSummary =
         Join(Join({"rate", "original_rate", "duration_s", "segments", "speech_s", "readings"},
                   LibraryNames(oku_assessment_name)),
-             {"peak", "peak_dbfs", "nonfinite_samples"});
+             Join({"peak", "peak_dbfs", "nonfinite_samples"}, InputFields()));
     static const std::vector<std::string> decision = {"time_s",  "volume_before", "volume_after",
                                                       "control", "pause_db",      "speech_db"};
     static const std::vector<std::string> agcSummary =
         Join(Join({"rate", "original_rate", "duration_s", "decisions", "changes", "final_volume"},
                   LibraryNames(oku_agc_control_name)),
-             {"nonfinite_samples"});
+             Join({"nonfinite_samples"}, InputFields()));
+    static const std::vector<std::string> error = {"message"};
     switch (type) {
     case RecordType::Segment:
         return segment;
@@ -99,14 +109,15 @@ const std::vector<std::string>& Fields(RecordType type)
         return vadSummary;
     case RecordType::Decision:
         return decision;
+    case RecordType::Error:
+        return error;
     case RecordType::AgcSummary:
         break;
     }
     return agcSummary;
 }
 
-Record::Record(RecordType type)
-    : _type(type), _values(Fields(type).size()), _quoted(Fields(type).size(), false)
+Record::Record(RecordType type) : _type(type), _values(Fields(type).size()), _kind(Fields(type).size(), Kind::Unset)
 {
 }
 
@@ -121,13 +132,17 @@ std::size_t Record::Index(const std::string& field) const
 
 Record& Record::Set(const std::string& field, double value, int decimals)
 {
-    _values[Index(field)] = Fixed(value, decimals);
+    const std::size_t i = Index(field);
+    _values[i] = Fixed(value, decimals);
+    _kind[i] = Kind::Number;
     return *this;
 }
 
 Record& Record::Set(const std::string& field, long long value)
 {
-    _values[Index(field)] = std::to_string(value);
+    const std::size_t i = Index(field);
+    _values[i] = std::to_string(value);
+    _kind[i] = Kind::Number;
     return *this;
 }
 
@@ -135,13 +150,23 @@ Record& Record::Set(const std::string& field, const std::string& value)
 {
     const std::size_t i = Index(field);
     _values[i] = value;
-    _quoted[i] = true;
+    _kind[i] = Kind::Text;
     return *this;
 }
 
 Record& Record::Set(const std::string& field, bool value)
 {
-    _values[Index(field)] = value ? "true" : "false";
+    const std::size_t i = Index(field);
+    _values[i] = value ? "true" : "false";
+    _kind[i] = Kind::Number;
+    return *this;
+}
+
+Record& Record::SetNull(const std::string& field)
+{
+    const std::size_t i = Index(field);
+    _values[i].clear();
+    _kind[i] = Kind::Null;
     return *this;
 }
 
@@ -161,12 +186,15 @@ void Writer::Write(const Record& r)
     const std::vector<std::string>& fields = Fields(r.Type());
     switch (_format) {
     case Format::Text: {
+        if (r.Type() == RecordType::Error)
+            break;
         const bool summary = r.Type() == RecordType::VadSummary || r.Type() == RecordType::AgcSummary;
         std::ostringstream os;
         if (!summary && (!_headed || r.Type() != _last)) {
             os << std::left << std::setw(9) << "#";
             for (std::size_t i = 0; i < fields.size(); ++i)
-                os << " " << std::right << std::setw(Width(fields[i], r.Quoted(i))) << fields[i];
+                if (r.IsSet(i))
+                    os << " " << std::right << std::setw(Width(fields[i], r.Quoted(i))) << fields[i];
             _emit(os.str());
             os.str("");
         }
@@ -174,10 +202,13 @@ void Writer::Write(const Record& r)
         _last = r.Type();
         os << std::left << std::setw(9) << TypeName(r.Type());
         for (std::size_t i = 0; i < fields.size(); ++i) {
+            if (!r.IsSet(i))
+                continue;
+            const std::string& value = r.IsNull(i) ? std::string("-") : r.Value(i);
             if (summary)
-                os << " " << fields[i] << "=" << r.Value(i);
+                os << " " << fields[i] << "=" << value;
             else
-                os << " " << std::right << std::setw(Width(fields[i], r.Quoted(i))) << r.Value(i);
+                os << " " << std::right << std::setw(Width(fields[i], r.Quoted(i))) << value;
         }
         _emit(os.str());
         break;
@@ -185,7 +216,9 @@ void Writer::Write(const Record& r)
     case Format::Json: {
         std::string line = "{\"file\":" + JsonString(_file) + ",\"type\":" + JsonString(TypeName(r.Type()));
         for (std::size_t i = 0; i < fields.size(); ++i)
-            line += "," + JsonString(fields[i]) + ":" + (r.Quoted(i) ? JsonString(r.Value(i)) : r.Value(i));
+            if (r.IsSet(i))
+                line += "," + JsonString(fields[i]) + ":" +
+                        (r.IsNull(i) ? std::string("null") : r.Quoted(i) ? JsonString(r.Value(i)) : r.Value(i));
         _emit(line + "}");
         break;
     }

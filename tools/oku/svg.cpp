@@ -1,5 +1,6 @@
 #include "svg.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -84,6 +85,22 @@ void Svg::Envelope(const Timeline<EnvelopeBucket>& t, double top, double height)
     }
     if (!d.empty())
         _s << "<path class=\"envelope\" stroke=\"#335\" stroke-width=\"1\" fill=\"none\" d=\"" << d << "\"/>\n";
+}
+
+void AddEnvelope(Timeline<EnvelopeBucket>& envelope, const Chunk& chunk, int channels, long long position)
+{
+    const std::size_t c = static_cast<std::size_t>(channels);
+    for (std::size_t f = 0; f < chunk.frames; ++f) {
+        EnvelopeBucket& b = envelope.At(position + static_cast<long long>(f));
+        for (std::size_t i = f * c; i < (f + 1) * c; ++i) {
+            if (chunk.shorts) {
+                b.Add(chunk.shorts[i]);
+            } else {
+                const float x = std::isnan(chunk.floats[i]) ? 0.0f : chunk.floats[i] * 32768.0f;
+                b.Add(static_cast<short>(std::max(-32768.0f, std::min(32767.0f, x))));
+            }
+        }
+    }
 }
 
 void Svg::TimeAxis(double y)

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 
+#include "input.h"
 #include "timeline.h"
 
 namespace okutool {
@@ -77,6 +78,10 @@ private:
     int _rate;
     std::ostringstream _s;
 };
+
+// Adds a chunk of interleaved frames, from input frame `position` on, to an
+// envelope: every channel's samples, floats at 16-bit scale (NaN as 0).
+void AddEnvelope(Timeline<EnvelopeBucket>& envelope, const Chunk& chunk, int channels, long long position);
 
 // Writes a picture to path (checked; a failure throws OutputError naming it).
 void SaveSvg(const std::string& path, const Svg& svg);
