@@ -309,8 +309,8 @@ OKU_API int oku_params_unknown(int service, const char* params, oku_params_fn fn
  * frames under 15 dB of energy do not fill the histogram. Speech starts and
  * ends are dated back within the same bounds. For a host that delays audio
  * until it is decided (a gate) and must say by how much.
- * At an input rate that is converted, the converter's own delay (under
- * 1 ms, oku_analysis_rate) is added.
+ * At an input rate that is converted, the converter's own delay (2.3 to
+ * 3.6 ms, 6.2 ms at 12000 Hz; oku_analysis_rate) is added.
  * - rate   [i] : one of oku_input_rates() (Hz)
  * - params [i] : parameter string, or NULL/"" for the defaults
  * - ms     [o] : the delay in milliseconds

@@ -4,7 +4,7 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config valgrind python3 python3-numpy
           python3-setuptools python3-wheel python3-pip python3-soundfile python3-distributed
-          libgtest-dev libsndfile1-dev libsoxr-dev libmpg123-dev sox groff-base
+          libgtest-dev libsndfile1-dev libsoxr-dev libmpg123-dev sox espeak-ng groff-base
           libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-base
           gstreamer1.0-plugins-good gstreamer1.0-plugins-bad python3-gi gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0 pulseaudio pulseaudio-utils
           "$@")

@@ -43,17 +43,21 @@ std::string InputRateMessage(double rate)
 
 namespace {
 
-inline short FromQ15(std::int32_t acc)
+inline short FromQ15(std::int64_t acc)
 {
-    const std::int32_t y = (acc + 16384) >> 15;  // arithmetic shift: floor
+    const std::int64_t y = (acc + 16384) >> 15;  // arithmetic shift: floor
     return static_cast<short>(y > 32767 ? 32767 : y < -32768 ? -32768 : y);
 }
 
+// Every way computes the exact dot product: the scalar way in 64 bits, the
+// vector ways in 32-bit lanes (lane j takes taps 2j and 2j + 1 of every
+// sixteen, lanes j and j + 4 added) whose sums the designs keep inside 32
+// bits for any input, then in 64 bits.
 void DotManyScalar(const short* h, const short* x, std::size_t taps, std::size_t stride, std::size_t count,
                    short* out, std::size_t outStride)
 {
     for (std::size_t i = 0; i < count; ++i, x += stride, out += outStride) {
-        std::int32_t acc = 0;
+        std::int64_t acc = 0;
         for (std::size_t t = 0; t < taps; ++t)
             acc += static_cast<std::int32_t>(h[t]) * x[t];
         *out = FromQ15(acc);
@@ -61,18 +65,22 @@ void DotManyScalar(const short* h, const short* x, std::size_t taps, std::size_t
 }
 
 #ifdef OKU_INPUT_X86
-inline std::int32_t Sum4(__m128i v)
+// The sum of four 32-bit lanes, in 64 bits.
+inline std::int64_t Sum4(__m128i v)
 {
-    v = _mm_add_epi32(v, _mm_shuffle_epi32(v, _MM_SHUFFLE(1, 0, 3, 2)));
-    v = _mm_add_epi32(v, _mm_shuffle_epi32(v, _MM_SHUFFLE(2, 3, 0, 1)));
-    return _mm_cvtsi128_si32(v);
+    const __m128i sign = _mm_srai_epi32(v, 31);
+    __m128i s = _mm_add_epi64(_mm_unpacklo_epi32(v, sign), _mm_unpackhi_epi32(v, sign));
+    s = _mm_add_epi64(s, _mm_unpackhi_epi64(s, s));
+    std::int64_t r;
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(&r), s);
+    return r;
 }
 
 void DotManySse2(const short* h, const short* x, std::size_t taps, std::size_t stride, std::size_t count,
                  short* out, std::size_t outStride)
 {
     std::size_t i = 0;
-    // Two outputs at a time share the loads of h and the final reduction.
+    // Two outputs at a time share the loads of h.
     for (; i + 2 <= count; i += 2, x += 2 * stride, out += 2 * outStride) {
         const short* y = x + stride;
         __m128i a0 = _mm_setzero_si128(), a1 = _mm_setzero_si128(), b0 = _mm_setzero_si128(),
@@ -85,12 +93,8 @@ void DotManySse2(const short* h, const short* x, std::size_t taps, std::size_t s
             b0 = _mm_add_epi32(b0, _mm_madd_epi16(h0, _mm_loadu_si128(reinterpret_cast<const __m128i*>(y + t))));
             b1 = _mm_add_epi32(b1, _mm_madd_epi16(h1, _mm_loadu_si128(reinterpret_cast<const __m128i*>(y + t + 8))));
         }
-        const __m128i a = _mm_add_epi32(a0, a1), b = _mm_add_epi32(b0, b1);
-        // [a0+a1, b0+b1, a2+a3, b2+b3] then the two halves added.
-        const __m128i ab = _mm_add_epi32(_mm_unpacklo_epi32(a, b), _mm_unpackhi_epi32(a, b));
-        const __m128i sums = _mm_add_epi32(ab, _mm_unpackhi_epi64(ab, ab));
-        out[0] = FromQ15(_mm_cvtsi128_si32(sums));
-        out[outStride] = FromQ15(_mm_cvtsi128_si32(_mm_shuffle_epi32(sums, _MM_SHUFFLE(1, 1, 1, 1))));
+        out[0] = FromQ15(Sum4(_mm_add_epi32(a0, a1)));
+        out[outStride] = FromQ15(Sum4(_mm_add_epi32(b0, b1)));
     }
     if (i < count) {
         __m128i a0 = _mm_setzero_si128(), a1 = _mm_setzero_si128();
@@ -109,12 +113,18 @@ __attribute__((target("avx2"))) inline __m256i load(const short* p)
     return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
 }
 
+// Lanes j and j + 4 of an AVX2 accumulator added, as Sum4 takes them.
+__attribute__((target("avx2"))) inline __m128i Fold(__m256i acc)
+{
+    return _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
+}
+
 __attribute__((target("avx2"))) void DotManyAvx2(const short* h, const short* x, std::size_t taps,
                                                    std::size_t stride, std::size_t count, short* out,
                                                    std::size_t outStride)
 {
     std::size_t i = 0;
-    // Four outputs at a time share the loads of h and the final reduction.
+    // Four outputs at a time share the loads of h.
     for (; i + 4 <= count; i += 4, x += 4 * stride, out += 4 * outStride) {
         __m256i a0 = _mm256_setzero_si256(), a1 = a0, a2 = a0, a3 = a0;
         const short *x1 = x + stride, *x2 = x1 + stride, *x3 = x2 + stride;
@@ -125,22 +135,16 @@ __attribute__((target("avx2"))) void DotManyAvx2(const short* h, const short* x,
             a2 = _mm256_add_epi32(a2, _mm256_madd_epi16(hv, load(x2 + t)));
             a3 = _mm256_add_epi32(a3, _mm256_madd_epi16(hv, load(x3 + t)));
         }
-        // Pairwise additions leave [s0 s1 s2 s3 | s0' s1' s2' s3'], whose halves add up to the four sums.
-        const __m256i s = _mm256_hadd_epi32(_mm256_hadd_epi32(a0, a1), _mm256_hadd_epi32(a2, a3));
-        const __m128i sums = _mm_add_epi32(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1));
-        out[0] = FromQ15(_mm_cvtsi128_si32(sums));
-        out[outStride] = FromQ15(_mm_extract_epi32(sums, 1));
-        out[2 * outStride] = FromQ15(_mm_extract_epi32(sums, 2));
-        out[3 * outStride] = FromQ15(_mm_extract_epi32(sums, 3));
+        out[0] = FromQ15(Sum4(Fold(a0)));
+        out[outStride] = FromQ15(Sum4(Fold(a1)));
+        out[2 * outStride] = FromQ15(Sum4(Fold(a2)));
+        out[3 * outStride] = FromQ15(Sum4(Fold(a3)));
     }
     for (; i < count; ++i, x += stride, out += outStride) {
         __m256i acc = _mm256_setzero_si256();
         for (std::size_t t = 0; t < taps; t += 16)
             acc = _mm256_add_epi32(acc, _mm256_madd_epi16(load(h + t), load(x + t)));
-        const __m128i half = _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
-        __m128i v = _mm_add_epi32(half, _mm_shuffle_epi32(half, _MM_SHUFFLE(1, 0, 3, 2)));
-        v = _mm_add_epi32(v, _mm_shuffle_epi32(v, _MM_SHUFFLE(2, 3, 0, 1)));
-        *out = FromQ15(_mm_cvtsi128_si32(v));
+        *out = FromQ15(Sum4(Fold(acc)));
     }
 }
 #endif
@@ -446,20 +450,16 @@ InputPath::InputPath(double rate, int channels) : _rate(FindInputRate(rate)), _c
 
 std::size_t InputPath::MaxOutput(std::size_t n) const
 {
-    std::size_t frames = n / static_cast<std::size_t>(_channels);
+    const std::size_t frames = n / static_cast<std::size_t>(_channels);
     if (_stages.empty())
         return frames;
-    // Slice by slice, each stage giving at most its MaxOutputs.
-    std::size_t total = 0;
-    while (true) {
-        std::size_t k = std::min(frames, kSlice);
-        for (const FirStage& s : _stages)
-            k = s.MaxOutputs(k);
-        total += k;
-        if (frames <= kSlice)
-            return total;
-        frames -= kSlice;
-    }
+    // However a call is cut into slices, a stage gives at most MaxOutputs of
+    // all it takes in the call; the last stage's room for one slice more
+    // covers Resample's resizing ahead of its outputs.
+    std::size_t k = frames;
+    for (const FirStage& s : _stages)
+        k = s.MaxOutputs(k);
+    return k + _stages.back().MaxOutputs(0);
 }
 
 double InputPath::LatencyMs() const

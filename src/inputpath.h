@@ -17,12 +17,15 @@ namespace oku {
 // A resampling filter: a symmetric FIR of `taps` coefficients in Q15 (32768
 // is a gain of 1, the upsampling gain `up` included), run on the input with
 // up - 1 zeros after each sample, of whose outputs every down-th is kept.
-// Each of its `up` polyphase branches sums to exactly 32768.
+// Each of its `up` polyphase branches sums to exactly 32768. `rippleDb` and
+// `aliasDb` are the quantised design's bounds: 0 to kPassband of the
+// analysis rate's Nyquist frequency within rippleDb, and nothing that folds
+// onto 0 to that Nyquist frequency above -aliasDb.
 struct FirDesign {
     int up, down, taps;
     const short* h;
     double rippleDb;  // passband ripple, peak to peak, of the quantised filter
-    double aliasDb;   // its least attenuation of what the decimation folds into the passband
+    double aliasDb;   // its least attenuation of what the decimation folds into the analysed band
 };
 
 #include "resamplerfilters.inc"
@@ -32,14 +35,15 @@ struct FirDesign {
 //
 // The rule: a rate of the 11025 Hz family goes to 22050 Hz (or stays at
 // 11025); every other rate goes to 16000 Hz (12000 Hz, which would have to be
-// raised for it, goes to 8000), each by whole-number steps of 2 or 3 or by
-// 2/3. 16000 Hz is the rate speech is most often analysed at and keeps the
-// speech band to 8 kHz; 48000 Hz takes one 3:1 stage to get there. 22050 Hz
-// is the one analysis rate the 11025 Hz family reaches by halving.
+// raised for it, goes to 8000). 16000 Hz is the rate speech is most often
+// analysed at and keeps the speech band to 8 kHz; 22050 Hz is the one
+// analysis rate the 11025 Hz family reaches by halving. Every conversion is
+// halvings followed by one final stage of 2:1 or 2:3 (3:1 is 2:1 then 2:3,
+// half the work of one 3:1 filter as sharp).
 struct InputRate {
     int hz;
     int analysisHz;
-    const FirDesign* stages[3];  // in order, null after the last
+    const FirDesign* stages[4];  // in order, null after the last
 };
 
 inline constexpr InputRate kInputRates[] = {
@@ -51,12 +55,12 @@ inline constexpr InputRate kInputRates[] = {
     {24000, 16000, {&kUp2Down3}},
     {32000, 16000, {&kDown2}},
     {44100, 22050, {&kDown2}},
-    {48000, 16000, {&kDown3}},
+    {48000, 16000, {&kHalfband, &kUp2Down3}},
     {64000, 16000, {&kHalfband, &kDown2}},
     {88200, 22050, {&kHalfband, &kDown2}},
-    {96000, 16000, {&kHalfband, &kDown3}},
+    {96000, 16000, {&kHalfband, &kHalfband, &kUp2Down3}},
     {176400, 22050, {&kHalfband, &kHalfband, &kDown2}},
-    {192000, 16000, {&kHalfband, &kHalfband, &kDown3}},
+    {192000, 16000, {&kHalfband, &kHalfband, &kHalfband, &kUp2Down3}},
 };
 inline constexpr std::size_t kInputRateCount = sizeof kInputRates / sizeof kInputRates[0];
 
@@ -89,8 +93,8 @@ std::uint64_t MixToMono(const short* in, std::size_t frames, int channels, short
 
 // out[i x outStride] for i < count: the dot product of h[0..taps) with
 // x[i x stride ..], rounded from Q15 (half up) and saturated to 16 bits.
-// taps is a multiple of 16. No sum leaves 32 bits: every branch of a design
-// has a sum of magnitudes under 2 x 32768.
+// taps is a multiple of 16. The sums are exact: the designs keep every 32-bit
+// lane of the vector ways inside 32 bits, and the lanes are added in 64.
 typedef void (*DotManyFn)(const short* h, const short* x, std::size_t taps, std::size_t stride, std::size_t count,
                           short* out, std::size_t outStride);
 
@@ -192,7 +196,7 @@ private:
     int _channels;
     std::vector<FirStage> _stages;
     std::vector<short> _mono;                       // one slice, mixed
-    std::vector<short> _between[2];                 // the outputs of one stage for the next
+    std::vector<short> _between[3];                 // the outputs of one stage for the next
     std::uint64_t _nonFinite = 0;
 };
 

@@ -11,6 +11,7 @@
 // results, regenerate them with `make golden` and review the diff.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -20,9 +21,11 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "agc.h"
 #include "audioanalyzer.h"
+#include "oku.h"
 #include "okuvad.h"
 #include "recordings.h"
 
@@ -220,6 +223,86 @@ std::string GoldenText(const testsig::Recording& r, double rate)
     return os.str();
 }
 
+// Input rates that the library converts: each file holds both recordings,
+// the bursts as float stereo (the right channel at half the left's level)
+// and the gaps as 16-bit samples in three channels (the third silent),
+// through the handle functions in chunks of 20 ms of input.
+const int kConvertedRates[] = {12000, 24000, 32000, 44100, 48000, 64000, 88200, 96000, 176400, 192000};
+
+void ThroughInputPath(std::ostream& os, const oku::AudioData& s, int rate, int channels, bool floats)
+{
+    os << "## " << channels << " channels of " << (floats ? "float" : "16-bit") << " samples, analysed at "
+       << oku_analysis_rate(rate) << " Hz; the gain control's gain (starting at 0.2) fed back\n";
+    oku_vad* vad = nullptr;
+    oku_agc* agc = nullptr;
+    if (oku_vad_open(rate, channels, nullptr, 0, &vad) != OKU_OK ||
+        oku_agc_open(rate, channels, nullptr, 0, &agc) != OKU_OK) {
+        os << "open failed: " << oku_last_error() << "\n";
+        oku_vad_destroy(vad);
+        return;
+    }
+    const std::size_t frames = static_cast<std::size_t>(rate / 50), c = static_cast<std::size_t>(channels);
+    std::vector<float> f(frames * c);
+    std::vector<std::int16_t> i16(frames * c);
+    double gain = 0.2;
+    const auto drain = [&] {
+        oku_vad_result r;
+        oku_vad_segment seg;
+        while (oku_vad_take(vad, &r, &seg) == OKU_OK && r.type != OKU_VAD_NONE) {
+            os << oku_vad_result_name(r.type) << " " << r.position << " " << D(r.time_ms);
+            if (r.type == OKU_VAD_SPEECH_END)
+                os << " from " << seg.start;
+            if (r.type == OKU_VAD_VOLUME)
+                os << " " << oku_assessment_name(r.assessment) << " peak=" << D(r.peak) << " dbfs=" << D(r.level_dbfs)
+                   << " snr_pct=" << D(r.snr_pct) << " speech=" << r.speech;
+            os << "\n";
+        }
+    };
+    for (std::size_t at = 0; at < s.size(); at += frames) {
+        const std::size_t n = std::min(frames, s.size() - at);
+        for (std::size_t k = 0; k < n; ++k)
+            for (std::size_t ch = 0; ch < c; ++ch) {
+                const short x = s[at + k];
+                f[k * c + ch] = ch == 0 ? static_cast<float>(x) / 32768.0f : ch == 1 ? static_cast<float>(x) / 65536.0f : 0.0f;
+                i16[k * c + ch] = ch == 0 ? x : ch == 1 ? static_cast<std::int16_t>(x / 2) : 0;
+            }
+        const int status = floats ? oku_vad_process_f32(vad, f.data(), n * c) : oku_vad_process(vad, i16.data(), n * c);
+        if (status != OKU_OK)
+            os << "vad status " << status << "\n";
+        drain();
+        double next = gain;
+        oku_agc_decision d;
+        if ((floats ? oku_agc_process_f32(agc, f.data(), n * c, gain, &next)
+                    : oku_agc_process(agc, i16.data(), n * c, gain, &next)) != OKU_OK ||
+            oku_agc_info(agc, &d) != OKU_OK)
+            os << "agc failed\n";
+        else if (d.updated)
+            os << "agc " << F(static_cast<float>(gain)) << " " << F(static_cast<float>(next)) << " "
+               << oku_agc_control_name(d.control) << " time=" << D(d.time_ms) << " pause=" << F(d.pause_db)
+               << " speech=" << F(d.speech_db) << "\n";
+        gain = next;
+    }
+    os << "flush\n";
+    oku_vad_flush(vad);
+    drain();
+    oku_vad_destroy(vad);
+    oku_agc_destroy(agc);
+}
+
+std::string InputPathText(int rate)
+{
+    std::ostringstream os;
+    os << "# The input path at " << rate << " Hz: the generated recordings through the handle functions\n"
+       << "# Regenerate with `make golden` only when a change is meant to alter results.\n";
+    for (const testsig::Recording& r : testsig::GoldenRecordings()) {
+        const oku::AudioData s = testsig::Render(r.stretches, rate, 7);
+        const bool floats = r.name == "bursts";
+        os << "# " << r.name << ", " << s.size() << " frames\n";
+        ThroughInputPath(os, s, rate, floats ? 2 : 3, floats);
+    }
+    return os.str();
+}
+
 std::string GoldenPath(const testsig::Recording& r, double rate)
 {
     return std::string(OKU_GOLDEN_DIR) + "/" + r.name + "-" + std::to_string(static_cast<int>(rate)) + ".txt";
@@ -305,26 +388,37 @@ TEST(Golden, Log10ValuesAgreeWithinTheirToleranceOnly)
     EXPECT_FALSE(LinesAgree("dbfs=-11.370133285237852", "dbfs=-11.37013328523"));
 }
 
+// Compares a text with its golden file, or rewrites the file when asked to.
+void CheckGolden(const std::string& path, const std::string& got, bool update)
+{
+    if (update) {
+        std::ofstream out(path, std::ios::binary);
+        out << got;
+        out.close();
+        ASSERT_TRUE(out) << "cannot write " << path;
+        return;
+    }
+    std::ifstream in(path, std::ios::binary);
+    ASSERT_TRUE(in) << "missing golden file " << path << " (make golden writes it)";
+    std::stringstream want;
+    want << in.rdbuf();
+    const std::string disagreement = Disagreement(want.str(), got);
+    EXPECT_TRUE(disagreement.empty()) << path << " differs at " << disagreement;
+}
+
+TEST(Golden, InputPathResultsEqualTheGoldenFiles)
+{
+    const bool update = std::getenv("OKU_GOLDEN_UPDATE") != nullptr;
+    for (int rate : kConvertedRates)
+        CheckGolden(std::string(OKU_GOLDEN_DIR) + "/input-" + std::to_string(rate) + ".txt", InputPathText(rate), update);
+}
+
 TEST(Golden, ResultsEqualTheGoldenFiles)
 {
     const bool update = std::getenv("OKU_GOLDEN_UPDATE") != nullptr;
     for (const testsig::Recording& r : testsig::GoldenRecordings()) {
         for (double rate : kRates) {
-            const std::string path = GoldenPath(r, rate);
-            const std::string got = GoldenText(r, rate);
-            if (update) {
-                std::ofstream out(path, std::ios::binary);
-                out << got;
-                out.close();
-                ASSERT_TRUE(out) << "cannot write " << path;
-                continue;
-            }
-            std::ifstream in(path, std::ios::binary);
-            ASSERT_TRUE(in) << "missing golden file " << path << " (make golden writes it)";
-            std::stringstream want;
-            want << in.rdbuf();
-            const std::string disagreement = Disagreement(want.str(), got);
-            EXPECT_TRUE(disagreement.empty()) << path << " differs at " << disagreement;
+            CheckGolden(GoldenPath(r, rate), GoldenText(r, rate), update);
         }
     }
 }

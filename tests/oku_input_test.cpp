@@ -313,7 +313,7 @@ TEST(OkuInput, RatesAndDelays)
         ASSERT_EQ(OKU_OK, oku_vad_delay(oku_analysis_rate(rates[i]), nullptr, &native));
         ASSERT_EQ(OKU_OK, oku_vad_delay(rates[i], nullptr, &converted));
         EXPECT_GE(converted - native, rates[i] == oku_analysis_rate(rates[i]) ? 0.0 : 0.5);
-        EXPECT_LT(converted - native, 2.0);
+        EXPECT_LT(converted - native, 7.0) << rates[i];
     }
 }
 
