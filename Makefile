@@ -92,14 +92,18 @@ memcheck: build
 bench:
 	@scripts/setup.sh libbenchmark-dev libwebrtc-audio-processing-dev libspeexdsp-dev
 	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DOKU_BUILD_BENCH=ON \
-	      -DOKU_BUILD_TESTS=OFF -DOKU_BUILD_TOOLS=OFF -DOKU_BUILD_EXAMPLES=OFF
+	      -DOKU_BUILD_TESTS=OFF -DOKU_BUILD_TOOLS=ON -DOKU_BUILD_EXAMPLES=OFF
 	cmake --build build-bench -j $(JOBS)
 	build-bench/bench/oku_bench --benchmark_repetitions=21 --benchmark_enable_random_interleaving=true \
 	      --benchmark_min_time=0.05 --benchmark_display_aggregates_only=true \
 	      --benchmark_out=build-bench/results.json --benchmark_out_format=json $(BENCH_FLAGS)
 	build-bench/bench/oku_latency > build-bench/latency.md
 	@cat build-bench/latency.md
-	python3 bench/report.py build-bench/results.json --markdown docs/performance.md --latency build-bench/latency.md
+	OKU_LIBRARY=build-bench/libOKUVAD.so PYTHONPATH=python /usr/bin/python3 bench/python_speed.py \
+	      build-bench/oku build-bench/python.md || touch build-bench/python-goal-failed
+	python3 bench/report.py build-bench/results.json --markdown docs/performance.md --latency build-bench/latency.md \
+	      --python build-bench/python.md
+	@test ! -e build-bench/python-goal-failed || { rm -f build-bench/python-goal-failed; echo "python: goal not met"; exit 1; }
 
 # The npm package (web/): built from the library's sources by emscripten.
 WEB_TOOLS = emscripten esbuild zopfli nodejs chromium
@@ -110,6 +114,7 @@ WEB_SOURCES = $(wildcard src/*.cpp src/*.h src/*.inc OKUVAD/*.cpp OKUVAD/*.h web
 web-setup:
 	@scripts/setup.sh $(WEB_TOOLS)
 	@command -v npm >/dev/null || scripts/setup.sh npm
+	@web/scripts/setup.sh
 
 web/dist/index.js: $(WEB_SOURCES)
 	web/build.sh build-web

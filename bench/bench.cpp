@@ -22,7 +22,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <tuple>
 #include <string>
 #include <utility>
 #include <vector>
@@ -204,6 +206,86 @@ void AgcHandle(benchmark::State& state, Content content, int rate, int chunkMs)
         oku_agc_destroy(agc);
     }
     Count(state, x.size() / chunk * chunk, rate);
+}
+
+// Audio as a device delivers it: `channels` interleaved channels (the first
+// the content, the others at half its level) of 16-bit or float samples at
+// `rate`, through oku_vad_open or oku_agc_open, in 20 ms chunks. A device
+// hands over audio just written, so the cases loop over 2 s of it (under a
+// megabyte at 48 kHz float stereo, in the processor's caches), 30 times: a
+// minute of audio per iteration, whatever the format. Items are input
+// frames, so ns per item times the rate is the cost of a second.
+struct DeviceAudio {
+    std::vector<short> s16;
+    std::vector<float> f32;
+    std::size_t frames;
+};
+
+const DeviceAudio& Device(Content content, int rate, int channels)
+{
+    static std::map<std::tuple<Content, int, int>, DeviceAudio> cache;
+    const auto key = std::make_tuple(content, rate, channels);
+    auto it = cache.find(key);
+    if (it != cache.end())
+        return it->second;
+    const std::vector<short>& x = Audio(content, rate);
+    DeviceAudio d;
+    d.frames = static_cast<std::size_t>(2 * rate);
+    const std::size_t c = static_cast<std::size_t>(channels);
+    d.s16.resize(d.frames * c);
+    d.f32.resize(d.frames * c);
+    for (std::size_t i = 0; i < d.frames; ++i)
+        for (std::size_t k = 0; k < c; ++k) {
+            d.s16[i * c + k] = static_cast<short>(k == 0 ? x[i] : x[i] / 2);
+            d.f32[i * c + k] = static_cast<float>(d.s16[i * c + k]) / 32768.0f;
+        }
+    return cache.emplace(key, std::move(d)).first->second;
+}
+
+void VadInput(benchmark::State& state, Content content, int rate, int channels, bool floats)
+{
+    const DeviceAudio& d = Device(content, rate, channels);
+    const std::size_t chunk = static_cast<std::size_t>(rate / 50), c = static_cast<std::size_t>(channels);
+    for (auto _ : state) {
+        oku_vad* vad = nullptr;
+        oku_vad_open(rate, channels, nullptr, 0, &vad);
+        oku_vad_result r[16];
+        std::size_t n;
+        for (int loop = 0; loop < 30; ++loop)
+            for (std::size_t i = 0; i + chunk <= d.frames; i += chunk) {
+                if (floats)
+                    oku_vad_process_f32(vad, &d.f32[i * c], chunk * c);
+                else
+                    oku_vad_process(vad, &d.s16[i * c], chunk * c);
+                do {
+                    oku_vad_results(vad, r, 16, &n);
+                    benchmark::DoNotOptimize(r[0].type);
+                } while (n == 16);
+            }
+        oku_vad_destroy(vad);
+    }
+    Count(state, 30 * (d.frames / chunk * chunk), rate);
+}
+
+void AgcInput(benchmark::State& state, Content content, int rate, int channels, bool floats)
+{
+    const DeviceAudio& d = Device(content, rate, channels);
+    const std::size_t chunk = static_cast<std::size_t>(rate / 50), c = static_cast<std::size_t>(channels);
+    for (auto _ : state) {
+        oku_agc* agc = nullptr;
+        oku_agc_open(rate, channels, nullptr, 0, &agc);
+        double gain = 0.3;
+        for (int loop = 0; loop < 30; ++loop)
+            for (std::size_t i = 0; i + chunk <= d.frames; i += chunk) {
+                if (floats)
+                    oku_agc_process_f32(agc, &d.f32[i * c], chunk * c, gain, &gain);
+                else
+                    oku_agc_process(agc, &d.s16[i * c], chunk * c, gain, &gain);
+            }
+        benchmark::DoNotOptimize(gain);
+        oku_agc_destroy(agc);
+    }
+    Count(state, 30 * (d.frames / chunk * chunk), rate);
 }
 
 // The analyzer class, frame data off, every result taken from the queue.
@@ -500,6 +582,25 @@ int main(int argc, char** argv)
         }
         benchmark::RegisterBenchmark(name("vad_class", speech, rate, "20ms").c_str(), VadClass, speech, rate, 20);
         benchmark::RegisterBenchmark(name("agc_class", speech, rate, "20ms").c_str(), AgcClass, speech, rate, 20);
+    }
+    // The input path: 16-bit mono at 16000 Hz (no conversion) against device
+    // formats at the converted rates, and WebRTC's VAD fed 48 kHz (it
+    // down-samples inside too).
+    for (Content c : {Content::SpeechNoise, Content::Noise}) {
+        struct Format {
+            int rate, channels;
+            bool floats;
+        };
+        for (const Format& f : {Format{16000, 1, false}, Format{16000, 1, true}, Format{44100, 2, true},
+                                Format{48000, 1, false}, Format{48000, 2, true}, Format{96000, 2, true},
+                                Format{24000, 1, false}}) {
+            const std::string form = (f.floats ? "f32x" : "s16x") + std::to_string(f.channels);
+            benchmark::RegisterBenchmark(name("vad_input", c, f.rate, form.c_str()).c_str(), VadInput, c, f.rate,
+                                         f.channels, f.floats);
+            benchmark::RegisterBenchmark(name("agc_input", c, f.rate, form.c_str()).c_str(), AgcInput, c, f.rate,
+                                         f.channels, f.floats);
+        }
+        benchmark::RegisterBenchmark(name("webrtc_vad", c, 48000).c_str(), WebRtcVad, c, 48000);
     }
     // Cost per second of audio must not grow with the length of the stream.
     benchmark::RegisterBenchmark(name("vad_exported_1min", speech, 16000, "20ms").c_str(), VadExported, speech, 16000,

@@ -119,6 +119,26 @@ __attribute__((target("avx2"))) inline __m128i Fold(__m256i acc)
     return _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
 }
 
+// FromQ15 of the sums of four accumulators of four 32-bit lanes each, at once:
+// the lanes widened to 64 bits and added, rounded half up from Q15, held to
+// 16 bits (as 32-bit values).
+__attribute__((target("avx2"))) inline __m128i FromQ15x4(__m128i a, __m128i b, __m128i c, __m128i d)
+{
+    const __m256i wa = _mm256_cvtepi32_epi64(a), wb = _mm256_cvtepi32_epi64(b);
+    const __m256i wc = _mm256_cvtepi32_epi64(c), wd = _mm256_cvtepi32_epi64(d);
+    // [a0+a1, b0+b1 | a2+a3, b2+b3] and the same for c and d, then the halves added: [a, b, c, d].
+    const __m256i ab = _mm256_add_epi64(_mm256_unpacklo_epi64(wa, wb), _mm256_unpackhi_epi64(wa, wb));
+    const __m256i cd = _mm256_add_epi64(_mm256_unpacklo_epi64(wc, wd), _mm256_unpackhi_epi64(wc, wd));
+    __m256i sums = _mm256_add_epi64(_mm256_permute2x128_si256(ab, cd, 0x20), _mm256_permute2x128_si256(ab, cd, 0x31));
+    // Rounded and held in 64 bits, after which each fits 32 bits and shifts there.
+    const __m256i hi = _mm256_set1_epi64x(32767LL * 32768 + 32767), lo = _mm256_set1_epi64x(-32768LL * 32768);
+    sums = _mm256_add_epi64(sums, _mm256_set1_epi64x(16384));
+    sums = _mm256_blendv_epi8(sums, hi, _mm256_cmpgt_epi64(sums, hi));
+    sums = _mm256_blendv_epi8(sums, lo, _mm256_cmpgt_epi64(lo, sums));
+    const __m256i low = _mm256_permutevar8x32_epi32(sums, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6));
+    return _mm_srai_epi32(_mm256_castsi256_si128(low), 15);
+}
+
 __attribute__((target("avx2"))) void DotManyAvx2(const short* h, const short* x, std::size_t taps,
                                                    std::size_t stride, std::size_t count, short* out,
                                                    std::size_t outStride)
@@ -135,10 +155,12 @@ __attribute__((target("avx2"))) void DotManyAvx2(const short* h, const short* x,
             a2 = _mm256_add_epi32(a2, _mm256_madd_epi16(hv, load(x2 + t)));
             a3 = _mm256_add_epi32(a3, _mm256_madd_epi16(hv, load(x3 + t)));
         }
-        out[0] = FromQ15(Sum4(Fold(a0)));
-        out[outStride] = FromQ15(Sum4(Fold(a1)));
-        out[2 * outStride] = FromQ15(Sum4(Fold(a2)));
-        out[3 * outStride] = FromQ15(Sum4(Fold(a3)));
+        alignas(16) std::int32_t y[4];
+        _mm_store_si128(reinterpret_cast<__m128i*>(y), FromQ15x4(Fold(a0), Fold(a1), Fold(a2), Fold(a3)));
+        out[0] = static_cast<short>(y[0]);
+        out[outStride] = static_cast<short>(y[1]);
+        out[2 * outStride] = static_cast<short>(y[2]);
+        out[3 * outStride] = static_cast<short>(y[3]);
     }
     for (; i < count; ++i, x += stride, out += outStride) {
         __m256i acc = _mm256_setzero_si256();
