@@ -11,6 +11,8 @@ our own line splitting, and every wait has a generous timeout: nothing here
 depends on how fast or idle the machine is.
 """
 import array
+import csv
+import io
 import json
 import os
 import resource
@@ -31,6 +33,7 @@ from testaudio import (BURSTS, EXPECTED, le_bytes, read_float_wav, signal, write
                        write_wav)
 
 OKU = os.environ.get("OKU", "oku")
+ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 TIMEOUT = 600
 # An instrumented build runs many times slower: the long-stream tests then use
 # shorter streams; what they check (bounded memory and size) does not depend on it.
@@ -44,6 +47,30 @@ RSS_LIMIT_KIB = None if SANITIZED else 64 * 1024
 def run(*args, stdin=None, cwd=None, preexec=None, stdout=subprocess.PIPE):
     return subprocess.run([OKU, *args], input=stdin, stdout=stdout, stderr=subprocess.PIPE, timeout=TIMEOUT,
                           cwd=cwd, preexec_fn=preexec)
+
+
+def sox(*args):
+    subprocess.run(["sox", "-D", *args], check=True, capture_output=True, timeout=TIMEOUT)
+
+
+def python_segments(paths):
+    """[(start_sample, end_sample), ...] per file as the Python package's segment_file cuts it,
+    run by Debian's Python (which has soundfile) over the library beside the command; None when
+    that cannot run here."""
+    library = os.path.join(os.path.dirname(shutil.which(OKU) or OKU), "libOKUVAD.so")
+    if not (os.path.exists("/usr/bin/python3") and os.path.exists(library)):
+        return None
+    script = ("import json, sys, warnings; sys.path.insert(0, %r); warnings.simplefilter('ignore')\n"
+              "import soundfile, oku\n"
+              "for p in sys.argv[1:]:\n"
+              "    print(json.dumps([[s.start_sample, s.end_sample] for s in oku.segment_file(p).segments]))"
+              % os.path.join(ROOT, "python"))
+    p = subprocess.run(["/usr/bin/python3", "-c", script, *paths], capture_output=True, timeout=TIMEOUT,
+                       env=dict(os.environ, OKU_LIBRARY=library))
+    if p.returncode != 0 and b"No module named" in p.stderr:
+        return None
+    assert p.returncode == 0, p.stderr
+    return [[tuple(s) for s in json.loads(line)] for line in p.stdout.decode().splitlines()]
 
 
 def records(stdout, kind=None):
@@ -159,17 +186,6 @@ class Segments(OkuTest):
             self.assertEqual(inside, m["speech"], m)
         self.assertEqual({"ok"}, {m["assessment"] for m in meters})
 
-    def test_stereo_44k_gives_the_same_times_within_a_frame(self):
-        p = run("vad", "--format", "json", self.stereo)
-        self.assertEqual(0, p.returncode)
-        self.assertIn(b"2 channels at 44100 Hz: the library mixes them to one and analyses at 22050 Hz", p.stderr)
-        segs = records(p.stdout, "segment")
-        self.assertEqual(len(EXPECTED), len(segs))
-        for (start, end), r in zip(EXPECTED, segs):
-            self.assertLessEqual(abs(start - r["start_s"]), 0.02)
-            self.assertLessEqual(abs(end - r["end_s"]), 0.02)
-            self.assertLessEqual(abs(r["start_s"] * 44100 - r["start_sample"]), 1)
-
     def test_positions_of_a_resampled_input_stay_within_it(self):
         # Speech up to the last sample: the segment closes at the end of the input,
         # and its end position must be the input's last sample at most.
@@ -200,6 +216,93 @@ class Segments(OkuTest):
         self.assertEqual(["#", "start", "#", "segment", "#", "start", "#", "segment", "summary"], kinds)
         self.assertEqual(["index", "start_s", "start_sample"], lines[0].split()[1:])
         self.assertEqual("end_s", lines[2].split()[3])
+
+
+class InputPath(OkuTest):
+    """Files reach the library at their own rate and channels, 16-bit PCM as 16-bit samples and
+    everything else as floats; positions come back in the file's own frames."""
+
+    # name, sox arguments from the 16 kHz recording, rate, channels, sample type handed over, resampler
+    FILES = [("mono16.wav", [], 16000, 1, "int16", "none"),
+             ("float48st.wav", ["-r", "48000", "-c", "2", "-e", "floating-point"], 48000, 2, "float32", "library"),
+             ("pcm44st.wav", ["-r", "44100", "-c", "2"], 44100, 2, "int16", "library"),
+             ("pcm24_44.flac", ["-r", "44100", "-b", "24"], 44100, 1, "float32", "library"),
+             ("pcm24_96st.wav", ["-r", "96000", "-c", "2", "-b", "24"], 96000, 2, "float32", "library"),
+             ("pcm16_24k3.wav", ["-r", "24000", "-c", "3"], 24000, 3, "int16", "library"),
+             ("odd37800.wav", ["-r", "37800"], 37800, 1, "float32", "libsoxr")]
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        for name, args, *_ in cls.FILES:
+            sox(cls.wav, *args, os.path.join(cls.dir, name))
+
+    def test_every_rate_and_encoding_gives_the_bursts_in_its_own_frames(self):
+        paths = [self.path(f[0]) for f in self.FILES]
+        p = run("vad", "--format", "json", "--jobs", "2", *paths)
+        self.assertEqual(0, p.returncode, p.stderr)
+        for path, (name, _, rate, channels, kind, resampler) in zip(paths, self.FILES):
+            with self.subTest(name=name):
+                rows = [r for r in records(p.stdout) if r["file"] == path]
+                summary = rows[-1]
+                self.assertEqual((rate, channels, kind, resampler, 6 * rate),
+                                 (summary["original_rate"], summary["channels"], summary["sample_type"],
+                                  summary["resampler"], summary["frames"]))
+                self.assertEqual(summary["frames"], summary["declared_frames"])
+                segs = [r for r in rows if r["type"] == "segment"]
+                self.assertEqual(len(EXPECTED), len(segs))
+                for (start, end), r in zip(EXPECTED, segs):
+                    # Within a frame of the timing rules (libsoxr's own filter may shift an edge).
+                    self.assertLessEqual(abs(start - r["start_s"]), 0.0201)
+                    self.assertLessEqual(abs(end - r["end_s"]), 0.0201)
+                    if resampler != "libsoxr":  # frame edges are whole input frames at every input rate
+                        self.assertEqual(round(r["start_s"] * rate), r["start_sample"])
+                        self.assertEqual(round(r["end_s"] * rate), r["end_sample"])
+        self.assertIn(b"37800 Hz, not an input rate of the library: resampled to 22050 Hz with libsoxr", p.stderr)
+        self.assertIn(b"3 channels at 24000 Hz: the library mixes them to one and analyses at 16000 Hz", p.stderr)
+
+    def test_the_command_and_python_cut_a_file_alike(self):
+        paths = [self.path(f[0]) for f in self.FILES if f[5] != "libsoxr"]  # Python refuses other rates
+        try:
+            paths.append(self.encoded("bursts.mp3", "lamemp3enc"))
+        except unittest.SkipTest:
+            pass
+        python = python_segments(paths)
+        if python is None:
+            self.skipTest("Debian's Python with soundfile, or the library beside the command, is missing")
+        p = run("vad", "--format", "json", *paths)
+        for path, theirs in zip(paths, python):
+            ours = [(r["start_sample"], r["end_sample"]) for r in records(p.stdout, "segment") if r["file"] == path]
+            self.assertEqual(theirs, ours, path)
+
+    def test_one_audio_in_any_encoding_gives_identical_results(self):
+        # The same 16-bit values as 16, 24 and 32-bit integers and as floats: the library takes
+        # a float that is a 16-bit value over 32768 as that value, so segments, meter readings
+        # and gain decisions agree to the last digit. A wrong scale or channel order shows.
+        variants = [self.stereo]
+        for name, args in (("b24.wav", ["-b", "24"]), ("b32.wav", ["-b", "32"]),
+                           ("f32.wav", ["-e", "floating-point"]), ("b24.flac", ["-b", "24"])):
+            variants.append(self.path(name))
+            sox(self.stereo, *args, variants[-1])
+        for command, kinds in (("vad", ("segment", "meter")), ("agc", ("decision",))):
+            outputs = []
+            for path in variants:
+                p = run(command, "--meter", "--format", "json", path) if command == "vad" else \
+                    run(command, "--format", "json", path)
+                self.assertEqual(0, p.returncode, p.stderr)
+                outputs.append([{k: v for k, v in r.items() if k != "file"} for r in records(p.stdout)
+                                if r["type"] in kinds])
+            self.assertTrue(outputs[0])
+            for path, out in zip(variants[1:], outputs[1:]):
+                self.assertEqual(outputs[0], out, (command, path))
+
+    def test_channels_beyond_the_library_limit_are_refused_by_it(self):
+        many = self.path("many.wav")
+        sox(self.wav, "-c", "65", many)
+        p = self.expect(["vad", "--format", "json", many, self.wav], 1,
+                        "the analyzer does not take 65 channels at 16000 Hz: channels must lie in 1 to 64")
+        self.assertEqual(["error", "summary"], [r["type"] for r in records(p.stdout) if r["type"] != "segment"])
+
 
 
 class Streaming(OkuTest):
@@ -309,25 +412,101 @@ class Split(OkuTest):
             self.assertEqual(1, channels)
             self.assertTrue(values and any(v != round(v * 32768) / 32768 for v in values), name)
 
-    def test_segments_of_a_stereo_44k_recording_keep_its_rate_channels_and_bytes(self):
-        out = self.fresh_dir("split-stereo")
-        p = run("vad", "--format", "json", "--split", out, self.stereo)
-        segs = records(p.stdout, "segment")
-        with wave.open(self.stereo) as w:
-            frames = w.readframes(w.getnframes())
-        for name, seg in zip(sorted(os.listdir(out)), segs):
-            with wave.open(os.path.join(out, name)) as w:
-                self.assertEqual((44100, 2, 2), (w.getframerate(), w.getnchannels(), w.getsampwidth()))
-                self.assertEqual(frames[seg["start_sample"] * 4:seg["end_sample"] * 4], w.readframes(w.getnframes()))
+    def raw(self, path, bits):
+        """A file's samples as sox gives them: signed little-endian integers of `bits` bits."""
+        return subprocess.run(["sox", path, "-t", "raw", "-e", "signed", "-b", str(bits), "-L", "-"], check=True,
+                              capture_output=True, timeout=TIMEOUT).stdout
 
-    def test_inputs_with_one_name_in_two_folders_are_refused(self):
+    def test_clips_are_the_inputs_own_frames_and_named_in_their_records(self):
+        deep = self.path("deep24.flac")  # true 24-bit values, not 16-bit ones shifted
+        sox(self.stereo, "-b", "24", deep, "vol", "0.937")
+        byte = self.path("byte.wav")
+        sox(self.wav, "-b", "8", "-e", "unsigned", byte)
+        # input, --split-format, bits of its samples, channels
+        for src, fmt, bits, channels in ((self.stereo, "wav", 16, 2), (self.stereo, "flac", 16, 2),
+                                         (deep, "flac", 24, 2), (deep, "wav", 24, 2), (byte, "flac", 8, 1)):
+            with self.subTest(src=src, fmt=fmt):
+                out = self.fresh_dir("clips")
+                p = run("vad", "--format", "json", "--split", out, "--split-format", fmt, src)
+                self.assertEqual(0, p.returncode, p.stderr)
+                segs = records(p.stdout, "segment")
+                self.assertEqual(sorted(r["clip"] for r in segs), sorted(os.path.join(out, f) for f in os.listdir(out)))
+                whole, size = self.raw(src, bits), bits // 8 * channels
+                for seg in segs:
+                    self.assertTrue(seg["clip"].endswith("." + fmt))
+                    info = subprocess.run(["soxi", seg["clip"]], capture_output=True, timeout=TIMEOUT).stdout
+                    self.assertIn(b"Channels       : %d" % channels, info)
+                    self.assertEqual(whole[seg["start_sample"] * size:seg["end_sample"] * size],
+                                     self.raw(seg["clip"], bits))
+        # FLAC holds neither floats nor 32-bit integers: such an input fails, with a record, and
+        # the others go on.
+        floats, ints = self.path("f32.wav"), self.path("i32.wav")
+        sox(self.wav, "-e", "floating-point", floats)
+        sox(self.wav, "-b", "32", ints)
+        p = self.expect(["vad", "--format", "json", "--split", self.fresh_dir("clips"), "--split-format", "flac",
+                         floats, ints, self.wav], 1, "FLAC holds integers (--split-format wav keeps them)")
+        self.assertEqual(["error", "error", "summary"],
+                         [r["type"] for r in records(p.stdout) if r["type"] != "segment"])
+
+    def test_clip_names_follow_the_template(self):
         for d in ("a", "b"):
             os.makedirs(self.path("twins", d), exist_ok=True)
             shutil.copy(self.wav, self.path("twins", d, "x.wav"))
-        out = self.path("twins", "out")
-        self.expect(["vad", "--split", out, self.path("twins", "a", "x.wav"), self.path("twins", "b", "x.wav")], 2,
-                    "would both write %s and so on; give a --split-name" % os.path.join(out, "x-001-0.000s.wav"))
-        self.assertFalse(os.path.exists(out))
+        twins = ["twins/a/x.wav", "twins/b/x.wav"]  # relative to the test folder
+        absolute = self.path("twins", "a", "x.wav")
+        # --split-name, inputs, the clips under the folder (or the usage error)
+        for template, inputs, want in (
+                ("{dir}/{base}-{index}", twins, ["twins/a/x-001", "twins/a/x-002", "twins/b/x-001", "twins/b/x-002"]),
+                ("{base}/{index}_{start}_{end}", twins[:1], ["x/001_0.860_2.780", "x/002_3.360_4.980"]),
+                ("{dir}/{base}-{index}", [absolute], [absolute[1:-4] + "-001", absolute[1:-4] + "-002"]),
+                ("./{base}//{index}", twins[:1], ["x/001", "x/002"]),
+                (None, twins, "would both write clips/x-001-0.000s.wav and so on; give a --split-name"),
+                ("{dir}-{index}", twins, ["twins/a-001", "twins/a-002", "twins/b-001", "twins/b-002"]),
+                ("{base}/{index}", twins, "would both write clips/x/001.wav"),
+                ("{base}-{start}", twins[:1], "needs {index}"),
+                ("{base}-{index}-{speaker}", twins[:1], "no field {speaker}; the fields are"),
+                ("{base-{index}", twins[:1], "no field {base-{index}"),
+                ("{base}}-{index}", twins[:1], "a '}' that closes no field"),
+                ("../{base}-{index}", twins[:1], "would leave the --split folder"),
+                ("{index}/", twins[:1], "would have no file name")):
+            with self.subTest(template=template, inputs=inputs):
+                out = self.fresh_dir("clips")
+                args = ["vad", "--format", "json", "--split", "clips"] + (["--split-name", template] if template else [])
+                p = run(*args, *inputs, cwd=self.dir)
+                if isinstance(want, str):
+                    self.assertEqual(2, p.returncode, p.stderr)
+                    self.assertIn(want, p.stderr.decode())
+                    self.assertEqual([], os.listdir(out))
+                    continue
+                self.assertEqual(0, p.returncode, p.stderr)
+                clips = [r["clip"] for r in records(p.stdout, "segment")]
+                self.assertEqual(["clips/%s.wav" % w for w in want], clips)
+                self.assertTrue(all(os.path.isfile(self.path(c)) for c in clips))
+        self.expect(["vad", "--split-name", "{base}-{index}", self.wav], 2, "apply to --split only")
+
+    def test_long_segments_are_cut_into_equal_pieces(self):
+        # 44.1 kHz stereo, pieces of at most 700 ms: each burst's segment (1.92 and 1.62 s) gives
+        # three, by the rule: of L frames in n pieces, piece i spans floor(i L / n) to floor((i + 1) L / n).
+        rate, max_ms = 44100, 700
+        want = []
+        for start, end in EXPECTED:
+            first, length = round(start * rate), round((end - start) * rate)
+            n = -(-length * 1000 // (max_ms * rate))
+            want += [(first + i * length // n, first + (i + 1) * length // n) for i in range(n)]
+        out = self.fresh_dir("pieces")
+        p = run("vad", "--format", "json", "--split", out, "--max-segment-ms", str(max_ms), self.stereo)
+        self.assertEqual(0, p.returncode, p.stderr)
+        segs = records(p.stdout, "segment")
+        self.assertEqual(want, [(r["start_sample"], r["end_sample"]) for r in segs])
+        self.assertEqual(list(range(1, len(want) + 1)), [r["index"] for r in segs])
+        self.assertEqual(len(want), records(p.stdout, "summary")[0]["segments"])
+        whole = self.raw(self.stereo, 16)
+        for r in segs:
+            self.assertEqual(whole[r["start_sample"] * 4:r["end_sample"] * 4], self.raw(r["clip"], 16))
+        self.assertEqual(len(want), len(os.listdir(out)))  # no temporary file left behind
+        # Shorter than a frame: the library's refusal, per input.
+        self.expect(["vad", "--max-segment-ms", "0.001", self.wav], 1, "--max-segment-ms 0.001: ")
+        self.expect(["agc", "--max-segment-ms", "100", self.wav], 2, "unknown option '--max-segment-ms'")
 
     def test_stdin_segments_are_written_as_they_close_with_bounded_memory(self):
         # Hours at 8 kHz of the bursts on repeat (3.3 plain): every segment file
@@ -442,8 +621,10 @@ class Outputs(OkuTest):
             self.assertFalse(os.path.exists(out))
             self.assertNotIn(b"summary", p.stdout)
             seg = os.path.join(disk, "seg")
-            self.expect(["vad", "--split", seg, self.stereo], 1, "cannot write")
-            self.assertEqual([], os.listdir(seg))
+            p = self.expect(["vad", "--format", "json", "--split", seg, self.stereo], 1, "cannot write")
+            self.assertEqual([], os.listdir(seg))  # no clip, and no temporary file
+            self.assertEqual(["error"], [r["type"] for r in records(p.stdout)])
+            self.assertIn("No space left on device", records(p.stdout)[0]["message"])
         finally:
             subprocess.run(["umount", disk], timeout=TIMEOUT)
 
@@ -523,6 +704,47 @@ class Samples(OkuTest):
         self.assertLess(summary["peak"], 5000)  # the tone at half scale, not full scale
         self.assertEqual([0.86, 3.36], [r["start_s"] for r in records(p.stdout, "segment")])
 
+    def test_a_length_the_header_declares_is_checked(self):
+        with open(self.wav, "rb") as f:
+            intact = f.read()
+        flac = self.path("whole.flac")
+        sox(self.wav, flac)
+        with open(flac, "rb") as f:
+            encoded = f.read()
+        open_length = bytearray(intact)
+        open_length[40:44] = (0x7FFFF000).to_bytes(4, "little")  # as espeak-ng --stdout leaves it
+        raw = self.path("declared.raw")
+        with open(raw, "wb") as f:
+            f.write(le_bytes(self.samples))
+        # file, its bytes, the frames decoded and declared (None: no declaration); a warning when they differ
+        for name, data, frames, declared in (("intact.wav", intact, 96000, 96000),
+                                             ("cut.wav", intact[:44 + 2 * 50000], 50000, 96000),
+                                             ("cut.flac", encoded[:len(encoded) * 6 // 10], None, 96000),
+                                             ("open.wav", bytes(open_length), 96000, None)):
+            with self.subTest(name=name):
+                path = self.path(name)
+                with open(path, "wb") as f:
+                    f.write(data)
+                p = run("vad", "--format", "json", "--quiet", path)
+                self.assertEqual(0, p.returncode, p.stderr)
+                summary = records(p.stdout, "summary")[0]
+                self.assertEqual(declared, summary["declared_frames"])
+                if frames is not None:
+                    self.assertEqual(frames, summary["frames"])
+                self.assertLess(0, summary["frames"])
+                warned = summary["frames"] != (declared or summary["frames"])
+                self.assertEqual(b"oku: %s: warning: %d frames decoded, its header declares %d (a truncated file?)\n"
+                                 % (path.encode(), summary["frames"], declared) if warned else b"", p.stderr)
+        p = run("vad", "--format", "json", "--raw", "--rate", "16000", raw)
+        self.assertIsNone(records(p.stdout, "summary")[0]["declared_frames"])
+
+    def test_quiet_leaves_out_information_but_not_warnings(self):
+        note = "oku: %s: 2 channels at 44100 Hz: the library mixes them to one and analyses at 22050 Hz\n" % self.stereo
+        self.assertEqual(note.encode(), run("vad", self.stereo).stderr)
+        self.assertEqual(b"", run("vad", "--quiet", self.stereo).stderr)
+        p = run("vad", "--quiet", "--params", "Bogus=1", self.wav)
+        self.assertIn(b"warning: --params: Bogus is not a setting", p.stderr)
+
     def test_a_rejected_input_releases_what_it_opened(self):
         # Files libsndfile refuses, and WAV files it opens that hold no audio.
         bad, empty = self.path("bad.wav"), self.path("empty.wav")
@@ -564,6 +786,20 @@ class GainControl(OkuTest):
                    if e.get("class") == "decision"]
         self.assertTrue(0 < len(circles) <= len(raised))
 
+    def test_captured_audio_keeps_the_inputs_rate_channels_and_sample_type(self):
+        floats = self.path("agc-float48.wav")
+        sox(self.wav, "-r", "48000", "-c", "2", "-e", "floating-point", floats)
+        for src, rate, channels, encoding in ((self.stereo, 44100, 2, b"16-bit Signed Integer PCM"),
+                                              (floats, 48000, 2, b"32-bit Floating Point PCM")):
+            out = self.path("captured-%d.wav" % rate)
+            p = run("agc", "--format", "json", "--out", out, src)
+            self.assertEqual(0, p.returncode, p.stderr)
+            info = subprocess.run(["soxi", out], capture_output=True, timeout=TIMEOUT).stdout
+            for line in (b"Sample Rate    : %d" % rate, b"Channels       : %d" % channels, encoding,
+                         b"= %d samples" % (6 * rate)):
+                self.assertIn(line, info)
+            self.assertEqual(6 * rate, records(p.stdout, "summary")[0]["frames"])
+
     def test_starting_volume_zero_asks_for_an_estimate(self):
         first = records(run("agc", "--format", "json", "--volume", "0", self.wav).stdout, "decision")[0]
         self.assertEqual("gain_estimate", first["control"])
@@ -581,15 +817,27 @@ class Messages(OkuTest):
         header[24:28] = b"\0\0\0\0"  # the fmt chunk's rate
         with open(rate0, "wb") as f:
             f.write(header)
-        p = self.expect(["vad", "--format", "json", "missing.wav", empty, text, self.dir, rate0, self.wav], 1,
-                        "oku: missing.wav: cannot open: No such file or directory")
-        err = p.stderr.decode()
-        self.assertIn("oku: %s: empty file" % empty, err)
-        self.assertIn("oku: %s: not an audio file" % text, err)
-        self.assertIn("oku: %s: is a directory" % self.dir, err)
-        self.assertIn("oku: %s: the sampling rate in its header, 0 Hz, cannot be used" % rate0, err)
-        self.assertEqual(5, len(err.splitlines()), err)
-        self.assertEqual([self.wav], [r["file"] for r in records(p.stdout, "summary")], (err, p.stdout))
+        inputs = ["missing.wav", empty, text, self.dir, rate0, self.wav]
+        messages = ["cannot open: No such file or directory", "empty file", "not an audio file",
+                    "is a directory", "the sampling rate in its header, 0 Hz, cannot be used"]
+        for command in ("vad", "agc"):
+            p = self.expect([command, "--format", "json", "--jobs", "2", *inputs], 1, "")
+            err = p.stderr.decode().splitlines()  # in the order the jobs failed
+            self.assertEqual(len(messages), len(err), err)
+            for name, message in zip(inputs, messages):
+                self.assertEqual(1, sum(line.startswith("oku: %s: %s" % (name, message)) for line in err), err)
+            # JSON Lines: an error record per failed input, in input order, with the message.
+            rows = records(p.stdout)
+            self.assertEqual([(name, "error") for name in inputs[:-1]] + [(self.wav, "summary")],
+                             [(r["file"], r["type"]) for r in rows if r["type"] in ("error", "summary")])
+            self.assertEqual(sorted(err),
+                             sorted("oku: %s: %s" % (r["file"], r["message"]) for r in rows if r["type"] == "error"))
+            # CSV: the same rows, the message in its own column; text: only on standard error.
+            table = csv.DictReader(io.StringIO(run(command, "--format", "csv", *inputs).stdout.decode()))
+            self.assertEqual([(name, "error", m) for name, m in zip(inputs, messages)] + [(self.wav, "summary", "")],
+                             [(r["file"], r["type"], r["message"][:len(m)])
+                              for r, m in zip((r for r in table if r["type"] in ("error", "summary")), messages + [""])])
+            self.assertNotIn(b"error", run(command, *inputs).stdout)
 
     def test_json_is_valid_utf8_whatever_the_file_name(self):
         name = os.path.join(os.fsencode(self.dir), b"caf\xe9-\xff.wav")  # Latin-1 bytes, not UTF-8

@@ -62,11 +62,11 @@ int ClipSubtype(const Source& source, bool flac)
     }
 }
 
-// The input's folder as given: "" for a bare name or standard input.
+// The input's folder as given, without its last slash: "" for a bare name or standard input.
 std::string InputFolder(const std::string& input)
 {
     const std::string::size_type slash = input.rfind('/');
-    return input == "-" || slash == std::string::npos ? "" : input.substr(0, slash + 1);
+    return input == "-" || slash == std::string::npos ? "" : input.substr(0, slash);
 }
 
 // The template with its fields filled in, as a path relative to the folder.
@@ -88,7 +88,7 @@ std::string Expand(const std::string& name, const std::string& input, const std:
         if (field == "base")
             out += BaseName(input);
         else if (field == "dir")
-            out += "/" + InputFolder(input) + "/";
+            out += InputFolder(input);
         else if (field == "index")
             out += index;
         else if (field == "start")

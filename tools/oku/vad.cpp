@@ -7,6 +7,7 @@
 #include "oku.h"
 #include "plot_vad.h"
 #include "split.h"
+#include "text.h"
 
 namespace okutool {
 
@@ -36,7 +37,7 @@ void RunVad(const InputSlot& slot, const Run& run, Writer& w)
         std::size_t count = 0;
         const oku_vad_segment none{};
         if (oku_vad_split(vad.get(), &none, o.maxSegmentMs, nullptr, 0, &count) != OKU_OK)
-            throw InputError(std::string("--max-segment-ms: ") + oku_last_error());
+            throw InputError("--max-segment-ms " + Num(o.maxSegmentMs) + ": " + oku_last_error());
     }
     std::unique_ptr<SegmentWriter> split;
     if (!o.splitDir.empty())
