@@ -11,6 +11,8 @@
 #               and Windows x86-64 and i686 with Debian's cross compilers, run under qemu and Wine
 #   make bench  benchmarks in Release on five kinds of audio, beside the reference kernel and peer libraries;
 #               writes their tables into docs/performance.md
+#   make eval   builds a labelled speech corpus and measures how well the analyzer (default settings and the
+#               offline preset) and WebRTC's VAD find its utterances; writes docs/accuracy.md
 #   make web    the npm package oku-speech in web/dist/ (WebAssembly); make web-test its Node and Chromium
 #               tests, make web-demo its demo page on localhost, make web-bench its benchmark; make web-setup
 #               installs what they need (emscripten, esbuild, zopfli, nodejs, npm, chromium)
@@ -18,7 +20,7 @@ BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build run test live golden docs tsan fuzz memcheck bench cross clean web web-setup web-test web-demo web-bench
+.PHONY: all setup build run test live golden docs tsan fuzz memcheck bench eval cross clean web web-setup web-test web-demo web-bench
 FUZZ_SECONDS ?= 60
 
 all: build
@@ -104,6 +106,18 @@ bench:
 	python3 bench/report.py build-bench/results.json --markdown docs/performance.md --latency build-bench/latency.md \
 	      --python build-bench/python.md
 	@test ! -e build-bench/python-goal-failed || { rm -f build-bench/python-goal-failed; echo "python: goal not met"; exit 1; }
+
+# Accuracy (eval/README.md): a Release library of its own, a labelled corpus
+# built from fixed seeds, every system's segments and their scores, then the
+# page and the preset's figures in docs/corpus.md. About two minutes on two cores.
+eval:
+	@scripts/setup.sh libwebrtc-audio-processing-dev
+	cmake -S . -B build-eval -G Ninja -DCMAKE_BUILD_TYPE=Release -DOKU_BUILD_TESTS=OFF -DOKU_BUILD_TOOLS=OFF \
+	      -DOKU_BUILD_EXAMPLES=OFF -DOKU_BUILD_GST=OFF
+	cmake --build build-eval -j $(JOBS) --target OKUVAD
+	OKU_LIBRARY=build-eval/libOKUVAD.so /usr/bin/python3 eval/evaluate.py build-eval/eval --jobs $(JOBS)
+	/usr/bin/python3 eval/report.py build-eval/eval/results.json --markdown docs/accuracy.md \
+	      --corpus-page docs/corpus.md > /dev/null
 
 # The npm package (web/): built from the library's sources by emscripten.
 WEB_TOOLS = emscripten esbuild zopfli nodejs chromium
