@@ -17,6 +17,9 @@ import score  # noqa: E402
 
 SNRS = ("30", "20", "10", "5", "0")
 SYSTEMS = (("default", "default settings"), ("preset", "offline preset"), ("webrtc", "WebRTC VAD"))
+# Settings of the grid shown whatever their rank: the first that users of
+# offline cutting tried.
+ALSO_SHOWN = ("EOSTimeoutMs=300;ThresholdOffsetPause=10;ThresholdOffsetSpeech=6",)
 PAGE_START = "<!-- The preset's figures: written by `make eval` (eval/report.py) -->"
 PAGE_END = "<!-- end of the preset's figures -->"
 
@@ -136,12 +139,12 @@ def rates(info):
 
 def grid_rows(info, limit=15):
     """The grid's best settings by utterances found as one segment, with the
-    default settings, the preset and the rule's pick on this run."""
+    default settings, the preset, the rule's pick on this run and ALSO_SHOWN."""
     g, by_snr = info["grid_results"], info["grid_by_snr"]
     base = g["default"]
     order = sorted((n for n in g if n != "default"), key=lambda n: (-g[n]["one"], g[n]["false_noise"]))
     shown = order[:limit]
-    for extra in ("default", info["preset"], info.get("grid_pick")):
+    for extra in ("default", info["preset"], info.get("grid_pick")) + ALSO_SHOWN:
         if extra and extra in g and extra not in shown:
             shown.append(extra)
     rows = []
