@@ -484,6 +484,25 @@ class Split(OkuTest):
                 self.assertTrue(all(os.path.isfile(self.path(c)) for c in clips))
         self.expect(["vad", "--split-name", "{base}-{index}", self.wav], 2, "apply to --split only")
 
+    def test_clips_on_another_file_system_below_the_folder_are_copied(self):
+        out = self.fresh_dir("clips")
+        below = os.path.join(out, "bursts44")
+        os.mkdir(below)
+        mount = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=8m", "tmpfs", below], capture_output=True,
+                               timeout=TIMEOUT)
+        if mount.returncode != 0:
+            self.skipTest("cannot mount a file system here: %s" % mount.stderr.decode().strip())
+        try:  # the temporary file cannot be renamed across: it is copied
+            p = run("vad", "--format", "json", "--split", out, "--split-name", "{base}/{index}", self.stereo)
+            self.assertEqual(0, p.returncode, p.stderr)
+            whole = self.raw(self.stereo, 16)
+            for r in records(p.stdout, "segment"):
+                self.assertEqual(whole[r["start_sample"] * 4:r["end_sample"] * 4], self.raw(r["clip"], 16))
+            self.assertEqual(["bursts44"], os.listdir(out))
+            self.assertEqual(["001.wav", "002.wav"], sorted(os.listdir(below)))
+        finally:
+            subprocess.run(["umount", below], timeout=TIMEOUT)
+
     def test_long_segments_are_cut_into_equal_pieces(self):
         # 44.1 kHz stereo, pieces of at most 700 ms: each burst's segment (1.92 and 1.62 s) gives
         # three, by the rule: of L frames in n pieces, piece i spans floor(i L / n) to floor((i + 1) L / n).

@@ -293,29 +293,29 @@ std::vector<std::string> SegmentWriter::End(const std::vector<ClipPiece>& pieces
 {
     std::vector<std::string> paths;
     if (!_open || pieces.empty())
-        return paths;
+        throw std::logic_error("--split: a segment ended that did not start");
     const long long last = std::min(std::max(pieces.back().end, _written), _fed);
     WriteUpTo(last);
     _open->Close();
     _open.reset();
     TempFile temp{_temp};
     _temp.clear();
+    for (const ClipPiece& piece : pieces)
+        paths.push_back(Place(piece));
     if (pieces.size() == 1) {
-        const std::string path = Place(pieces[0]);
-        if (::rename(temp.path.c_str(), path.c_str()) == 0) {
+        if (::rename(temp.path.c_str(), paths[0].c_str()) == 0) {
             temp.path.clear();
-            paths.push_back(path);
             return paths;
         }
         if (errno != EXDEV)  // another file system below the folder: copied below
-            throw OutputError(path + ": cannot write: " + ErrnoText(errno));
+            throw OutputError(paths[0] + ": cannot write: " + ErrnoText(errno));
     }
     Cut(temp.path, _first, pieces, paths);
     return paths;
 }
 
 void SegmentWriter::Cut(const std::string& temp, long long first, const std::vector<ClipPiece>& pieces,
-                        std::vector<std::string>& paths)
+                        const std::vector<std::string>& paths)
 {
     SF_INFO info{};
     SndfileReader in;
@@ -326,10 +326,11 @@ void SegmentWriter::Cut(const std::string& temp, long long first, const std::vec
     const std::size_t block = 4096;
     std::vector<std::int32_t> ints(floats ? 0 : block * static_cast<std::size_t>(_channels));
     std::vector<float> fl(floats ? block * static_cast<std::size_t>(_channels) : 0);
-    for (const ClipPiece& piece : pieces) {
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        const ClipPiece& piece = pieces[i];
         const long long from = std::max(piece.start, first) - first;
         const long long to = std::min<long long>(piece.end - first, info.frames);
-        SoundWriter out(Place(piece), _rate, _channels, _subtype, _container);
+        SoundWriter out(paths[i], _rate, _channels, _subtype, _container);
         if (sf_seek(in.file, from, SEEK_SET) != from)
             throw OutputError(temp + ": cannot read back: " + sf_strerror(in.file));
         for (long long at = from; at < to;) {
@@ -344,7 +345,6 @@ void SegmentWriter::Cut(const std::string& temp, long long first, const std::vec
             at += got;
         }
         out.Close();
-        paths.push_back(out.Path());
     }
 }
 

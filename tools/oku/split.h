@@ -69,8 +69,9 @@ public:
 
 private:
     void WriteUpTo(long long frame);
+    // Writes each piece's frames from the temporary file (its first frame `first`) to its path.
     void Cut(const std::string& temp, long long first, const std::vector<ClipPiece>& pieces,
-             std::vector<std::string>& paths);
+             const std::vector<std::string>& paths);
     std::string Place(const ClipPiece& piece) const;
 
     ClipOptions _clips;
