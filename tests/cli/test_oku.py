@@ -56,9 +56,9 @@ def sox(*args):
 def python_segments(paths):
     """[(start_sample, end_sample), ...] per file as the Python package's segment_file cuts it,
     run by Debian's Python (which has soundfile) over the library beside the command; None when
-    that cannot run here."""
+    that cannot run here (an instrumented library does not load into a plain Python)."""
     library = os.path.join(os.path.dirname(shutil.which(OKU) or OKU), "libOKUVAD.so")
-    if not (os.path.exists("/usr/bin/python3") and os.path.exists(library)):
+    if SANITIZED or not (os.path.exists("/usr/bin/python3") and os.path.exists(library)):
         return None
     script = ("import json, sys, warnings; sys.path.insert(0, %r); warnings.simplefilter('ignore')\n"
               "import soundfile, oku\n"
