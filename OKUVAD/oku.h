@@ -1,54 +1,37 @@
 /*
- * oku.h - reentrant C interface: any number of analyzers and gain controls,
- * and the facts a front end needs (version, rates, names, settings, volume
- * conversion).
+ * oku.h - the handle interface: any number of voice-activity analyzers and
+ * gain controls, each fed audio as its device or file delivers it. This
+ * header is the manual; docs/c-api.md has the longer explanations it links.
  *
- * Each stream gets its own handle. Handles share nothing: different handles
- * may be used from different threads at the same time; one handle must not be
- * used from two threads at once. There is no global state apart from the
- * thread-local text of oku_last_error(); the functions of the "facts" section
- * read constant tables and may be called from any thread at any time.
+ * In the order a host needs them: statuses and errors; the analyzer
+ * (oku_vad_*); the gain control (oku_agc_*); the facts a front end reads
+ * (rates, names, settings, volume conversion).
  *
- * Audio comes as the device or file has it: any rate of oku_input_rates(),
- * one or more interleaved channels, signed 16-bit samples in native byte
- * order (oku_vad_process) or 32-bit floats of full scale -1 to 1
- * (oku_vad_process_f32). The library mixes the channels to mono and converts
- * the rate to one of the four analysis rates (oku_analysis_rate) by one rule
- * for every host; results count in the host's own input frames. At an
- * analysis rate, mono 16-bit samples reach the services untouched. The rules
- * (mixing, rounding, resampling, delay): docs/c-api.md, "Input". Unlike the
- * OKUVAD_ and OKUAGC_ functions of okuvad.h, nothing is added to the samples.
+ * Audio: any rate of oku_input_rates(), one or more interleaved channels,
+ * signed 16-bit samples in native byte order (oku_vad_process) or 32-bit
+ * floats of full scale -1 to 1 (oku_vad_process_f32). The library mixes the
+ * channels to mono and converts the rate to an analysis rate
+ * (oku_analysis_rate) by one rule for every host; results count in the host's
+ * own input frames. Rules (mixing, rounding, resampling, delay):
+ * docs/c-api.md, "Input".
  *
- * Every function that returns an int returns an oku_status: 0 on success,
- * negative on failure. Each function lists the statuses it returns; any
- * function that works inside the library may in addition return
- * OKU_ERR_INTERNAL for a failure the library did not foresee (none is known).
- * No exception, assertion or crash ever reaches the caller. On failure nothing
- * is written to the out-parameters, no audio is consumed, and oku_last_error()
- * describes the problem.
+ * Statuses: every function that returns an int returns an oku_status, 0 on
+ * success, negative on failure, and lists those it returns; any may also
+ * return OKU_ERR_INTERNAL for a failure the library did not foresee (none is
+ * known). No exception, assertion or crash reaches the caller. On failure
+ * nothing is written to the out-parameters, no audio is consumed, and
+ * oku_last_error() names the problem.
  *
- * Real-time use. A capture callback runs on a thread where waiting for a lock
- * or the heap can cost an audible gap. On success, these calls allocate no
- * heap memory, take no lock and do work bounded by the chunk's length (plus,
- * for the many-calls, the number of handles), from a handle's first call on:
- *   oku_vad_process, oku_vad_process_many, oku_vad_next, oku_vad_results,
- *   oku_agc_process, oku_agc_process_many, oku_agc_info
- * on these conditions:
- *   - chunks that give at most 8192 samples at the analysis rate (370 ms at
- *     22050 Hz, 512 ms at 16000 Hz, a second at 8000 Hz, at any input rate);
- *     a longer chunk grows the handle's buffer once, to its length (up to
- *     65536 samples, beyond which the memory is given back after the call);
- *   - results taken after each call (oku_vad_next until OKU_VAD_NONE, or
- *     oku_vad_results): the queue holds 256 results, enough for what a call
- *     of a few hundred milliseconds completes; more waiting results grow it;
- *   - no log callback (oku_agc_set_log) set: each log line is formatted on
- *     the calling thread, with what that takes;
- *   - no refusal: a refused call formats its message for oku_last_error().
- * This holds with OKU_VAD_AUDIO_FRAMES too, whose frames are copied into
- * memory reserved at creation. Everything a handle needs is reserved by its
- * create function (sizes there). Creation, flush, reset and destroy, the
- * facts functions and the OKUVAD_/OKUAGC_ functions of okuvad.h may
- * allocate; keep them off the audio thread.
+ * Threads: handles share nothing; one handle must not be used from two
+ * threads at once. The facts functions may be called from any thread.
+ *
+ * Real time: oku_vad_process, oku_vad_process_many, oku_vad_next,
+ * oku_vad_take, oku_vad_results, oku_agc_process, oku_agc_process_many and
+ * oku_agc_info (and their _f32 forms) allocate nothing, take no lock and do
+ * work bounded by the chunk, from a handle's first call on, for chunks that
+ * give at most 8192 samples at the analysis rate and results taken after each
+ * call: docs/c-api.md, "Real-time contract", has the conditions. Creation,
+ * flush, reset and destroy may allocate.
  */
 #ifndef OKU_H
 #define OKU_H
@@ -102,230 +85,6 @@ OKU_API const char* oku_status_name(int status);
  */
 OKU_API const char* oku_last_error(void);
 
-/* ---- Facts for front ends ------------------------------------------------ */
-
-/* The library's version, "MAJOR.MINOR.PATCH"; never null. */
-OKU_API const char* oku_version(void);
-
-/*
- * The supported sampling rates in Hz, ascending: 8000, 11025, 16000, 22050.
- * - count [o] : receives the number of rates (4); may be NULL
- * returns : the rates (a constant array owned by the library); never null
- */
-OKU_API const int* oku_rates(size_t* count);
-
-/* 1 when rate is exactly one of the supported rates (16000.0 is, 16000.5 is not), else 0. */
-OKU_API int oku_rate_supported(double rate);
-
-/*
- * The supported rate nearest to rate (44100 -> 22050, 48000 -> 22050,
- * 12000 -> 11025); halfway between two rates, the higher one. 0 when rate is
- * not a positive finite number.
- */
-OKU_API int oku_nearest_rate(double rate);
-
-/*
- * Every input rate the services take, ascending: 8000, 11025, 12000, 16000,
- * 22050, 24000, 32000, 44100, 48000, 64000, 88200, 96000, 176400, 192000.
- * Audio at any of them is converted inside the library to its analysis rate
- * (oku_analysis_rate), one of oku_rates(); see oku_vad_open.
- * - count [o] : receives the number of rates (14); may be NULL
- * returns : the rates (a constant array owned by the library); never null
- */
-OKU_API const int* oku_input_rates(size_t* count);
-
-/*
- * The rate at which the services analyse input of `rate` Hz, by one rule:
- * the four analysis rates stay as they are; 44100, 88200 and 176400 (the
- * 11025 Hz family) go to 22050; 12000 goes to 8000; every other input rate
- * goes to 16000 (48000 by 3:1, 32000 by 2:1, 24000 by 2:3, 64000, 96000 and
- * 192000 by halving first). 0 when rate is not exactly one of oku_input_rates().
- */
-OKU_API int oku_analysis_rate(double rate);
-
-/* The most interleaved channels a handle takes (oku_vad_open, oku_agc_open). */
-#define OKU_MAX_CHANNELS 64
-OKU_API int oku_max_channels(void);
-
-/*
- * Names of the values of the interface's enumerations: short lower-case
- * identifiers that stay the same across versions, for records, logs and
- * bindings. NULL for a value outside the enumeration.
- *   oku_vad_result_name : "none", "speech_start", "speech_end", "volume", "frame"
- *   oku_assessment_name : "ok", "too_noisy", "too_soft", "too_loud"
- *   oku_agc_control_name: "unchanged", "pause_too_low", "speech_too_low",
- *                         "speech_too_high", "operating_limit", "gain_estimate"
- */
-OKU_API const char* oku_vad_result_name(int type);
-OKU_API const char* oku_assessment_name(int assessment);
-OKU_API const char* oku_agc_control_name(int control);
-
-/* How many values each of those enumerations has (the names run from 0 to count - 1). */
-#define OKU_VAD_RESULT_TYPE_COUNT 5
-#define OKU_ASSESSMENT_COUNT 4
-#define OKU_AGC_CONTROL_COUNT 6
-
-/*
- * The number of samples in a chunk of `ms` milliseconds at `rate` Hz, rounded
- * to the nearest whole sample, halves up: floor(ms * rate / 1000 + 0.5), the
- * product formed in double precision (0.3125 ms at 8000 Hz is 2.5 samples and
- * gives 3). Every front end of the library cuts its chunks with this rule.
- * - rate    [i] : samples per second, a positive finite number (any rate, not
- *                 only the supported ones: a chunk may be cut before resampling)
- * - ms      [i] : the chunk's length, a positive finite number
- * - samples [o] : at least 1
- * returns : OKU_OK; OKU_ERR_NULL (samples); OKU_ERR_ARGUMENT (rate or ms not
- *           positive and finite, a chunk that rounds to no sample, or one
- *           larger than any array: above PTRDIFF_MAX / 2 samples)
- */
-OKU_API int oku_chunk_samples(double rate, double ms, size_t* samples);
-
-/*
- * A host's volume as a gain, exactly as OKUAGC_ComputeGain converts it: the
- * ratio volume / bound formed in double precision and rounded to float.
- * - volume [i] : 0 to bound
- * - bound  [i] : the volume of full gain, above 0
- * - gain   [o] : 0 to 1
- * returns : OKU_OK; OKU_ERR_NULL (gain); OKU_ERR_ARGUMENT (bound <= 0, or
- *           volume outside 0 to bound)
- */
-OKU_API int oku_gain_from_volume(long volume, long bound, double* gain);
-
-/*
- * A gain as a host's volume, exactly as OKUAGC_ComputeGain converts it: the
- * gain rounded to float (the gain control's precision), times the bound as a
- * float, formed in double precision and truncated; held to the bound (which a
- * bound above 2^24 as a float may exceed). The round trip of an unchanged
- * volume may lose one unit (40000 of 65535 comes back as 39999), so a host
- * applies a proposed gain only when it differs from the gain it gave.
- * - gain   [i] : 0 to 1
- * - bound  [i] : the volume of full gain, above 0
- * - volume [o] : 0 to bound
- * returns : OKU_OK; OKU_ERR_NULL (volume); OKU_ERR_ARGUMENT (bound <= 0, or
- *           gain outside 0 to 1 or NaN)
- */
-OKU_API int oku_volume_from_gain(double gain, long bound, long* volume);
-
-/* The two services, for the settings functions below. */
-typedef enum oku_service {
-    OKU_SERVICE_VAD = 0, /* the voice-activity analyzer */
-    OKU_SERVICE_AGC = 1  /* the automatic gain control */
-} oku_service;
-
-typedef enum oku_setting_type {
-    OKU_SETTING_INT = 0, /* read as a whole number ("1.5" reads as 1, "42abc" as 42) */
-    OKU_SETTING_REAL = 1 /* read as a real number (the gain control keeps it as a float) */
-} oku_setting_type;
-
-/* One setting of a service: what its parameter string may set. */
-typedef struct oku_setting {
-    const char* key;      /* the parameter string key, e.g. "EOSTimeoutMs" */
-    const char* name;     /* the same, lower case and hyphenated: "eos-timeout-ms" */
-    const char* unit;     /* "ms", "dB", "dBFS", "dB per 100 ms", or "" for a plain number */
-    const char* meaning;  /* one line of English */
-    int32_t type;         /* an oku_setting_type */
-    int32_t reserved;
-    double default_value; /* what the service takes when the key is absent */
-} oku_setting;
-
-/*
- * Every setting of a service, in the order the service reads them; the
- * services take their defaults from these same tables. Settings given in
- * milliseconds become frames: rounded to the nearest frame by the analyzer,
- * truncated to whole 20 ms by the gain control. The analyzer's EOSTimeoutMs
- * default (420) is its value at creation.
- * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
- * - count   [o] : receives the number of settings (0 for another service); may be NULL
- * returns : the table (constant, owned by the library), or NULL for another service
- */
-OKU_API const oku_setting* oku_settings(int service, size_t* count);
-
-/*
- * The value a service would take for one setting from a parameter string: the
- * string's value read as the service reads it (a whole number for an integer
- * setting; for the gain control, a real setting rounded to float), or the
- * default when the string does not hold the key.
- * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
- * - params  [i] : parameter string ("Key=Value;..."), or NULL/"" for the defaults
- * - key     [i] : a key of the service's table
- * - value   [o] : the value
- * returns : OKU_OK; OKU_ERR_NULL (key, value); OKU_ERR_ARGUMENT (another
- *           service, or a key that is not a setting of the service);
- *           OKU_ERR_PARAMS (a malformed string, or a value for the key that
- *           does not read as its type)
- */
-OKU_API int oku_setting_value(int service, const char* params, const char* key, double* value);
-
-/*
- * Checks a parameter string for a service without keeping anything: its
- * grammar, the value of every key the service reads, and the settings the
- * service refuses (as its create function would). oku_last_error() then names
- * the problem: "Invalid format: ...", "EOSTimeoutMs: 'soon' is not a whole
- * number", "LeastGain must lie in (0, 1]". Keys the service does not read are
- * not an error (see oku_params_entries to find them).
- * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
- * - params  [i] : parameter string, or NULL/"" for the defaults
- * returns : OKU_OK; OKU_ERR_ARGUMENT (another service); OKU_ERR_PARAMS; OKU_ERR_MEMORY
- */
-OKU_API int oku_params_check(int service, const char* params);
-
-/* Receives one entry of a parameter string. */
-typedef void (*oku_params_fn)(void* user, const char* key, const char* value);
-
-/*
- * Calls fn(user, key, value) for each entry of a parameter string as the
- * services see it: empty entries skipped, the first occurrence of a key kept,
- * in ascending byte order of the keys. A malformed string reports nothing.
- * fn must not call back into the library with the same string's entries.
- * - params [i] : parameter string, or NULL/"" (no entries)
- * returns : OKU_OK; OKU_ERR_NULL (fn); OKU_ERR_PARAMS (malformed); OKU_ERR_MEMORY
- */
-OKU_API int oku_params_entries(const char* params, oku_params_fn fn, void* user);
-
-/*
- * The entries of a parameter string whose key no setting of the service has
- * (a misspelt key, or one meant for the other service): the service ignores
- * them, and a front end warns about them. Calls fn(user, key, value) for each,
- * in ascending byte order of the keys, and writes how many there are.
- * fn must not call back into the library with the same string's entries.
- * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
- * - params  [i] : parameter string, or NULL/"" (no entries)
- * - fn      [i] : receives each unknown entry; may be NULL (only count them)
- * - count   [o] : the number of unknown keys; may be NULL
- * returns : OKU_OK; OKU_ERR_ARGUMENT (another service); OKU_ERR_PARAMS
- *           (malformed; nothing reported); OKU_ERR_MEMORY
- */
-OKU_API int oku_params_unknown(int service, const char* params, oku_params_fn fn, void* user, size_t* count);
-
-/*
- * How long the analyzer may hold audio before it hands it out decided: the
- * time from a frame's first sample until the frame has come out with its
- * speech flag (OKU_VAD_FRAME), for these settings at this rate. It is the
- * longest of: the speech window plus two frames (in a pause), a third of the
- * end-of-speech timeout plus two frames (in speech), and, at the start of a
- * run, the histogram's minimum window (the noise level must be known first).
- * With the defaults: 800 ms at the start of a run, 240 ms after. Near digital
- * silence the start of a run can take longer, up to 200 frames (4 s), since
- * frames under 15 dB of energy do not fill the histogram. Speech starts and
- * ends are dated back within the same bounds. For a host that delays audio
- * until it is decided (a gate) and must say by how much.
- * At an input rate that is converted, the converter's own delay (2.3 to
- * 3.6 ms, 6.2 ms at 12000 Hz; oku_analysis_rate) is added.
- * - rate   [i] : one of oku_input_rates() (Hz)
- * - params [i] : parameter string, or NULL/"" for the defaults
- * - ms     [o] : the delay in milliseconds
- * returns : OKU_OK; OKU_ERR_NULL (ms); OKU_ERR_RATE; OKU_ERR_PARAMS; OKU_ERR_MEMORY
- */
-OKU_API int oku_vad_delay(double rate, const char* params, double* ms);
-
-/*
- * The size in bytes of a structure of this interface, for bindings that
- * mirror them and want to check they match the library they loaded:
- * "oku_vad_result", "oku_agc_decision", "oku_setting" or "oku_vad_segment".
- * 0 for another name.
- */
-OKU_API size_t oku_struct_size(const char* name);
-
 /* ---- Voice-activity analyzer ------------------------------------------- */
 
 typedef struct oku_vad oku_vad;
@@ -372,23 +131,9 @@ typedef struct oku_vad_result {
 } oku_vad_result;
 
 /*
- * The meter, as designed, surprises in three ways:
- * - A run starts at 0 dBFS. level_dbfs rises at once to a louder peak but
- *   falls at most MaxDecayRateDbPerDs per 100 ms, and starts from full scale
- *   at creation, reset and flush: a run's first readings fall from 0 dBFS
- *   towards the true level (with the defaults 48 dB per 100 ms, so about
- *   0.2 s from 0 to -90 dBFS) instead of starting at it. The speech part of snr_pct falls the same way.
- * - snr_pct has no lower bound in speech. It is the loudest recent frame's
- *   level above the noise level plus an offset, over the full SNR scale;
- *   when that frame lies below the noise plus offset (clipped, distorted or
- *   very noisy speech), it is negative, down to several hundred percent.
- *   Hosts that draw a bar clamp it to 0..100.
- * - "too noisy" comes first. The assessment is OKU_VOLUME_TOO_NOISY whenever
- *   the noise level estimate lies above TooNoisyLeveldBFS, whatever else holds:
- *   it takes precedence over "too loud" and "too soft", and lasts as long as
- *   the noise estimate does. The estimate follows the last 2 s
- *   (HistogramWindowSizeMs) of frames above 15 dB of energy, so over digital
- *   silence that follows the noise it stays, and so does "too noisy".
+ * The meter (OKU_VAD_VOLUME): level_dbfs starts a run at 0 dBFS and falls at
+ * a limited rate, snr_pct may be negative in speech, and "too noisy" comes
+ * before every other assessment: docs/c-api.md, "The meter's behaviours".
  */
 
 /*
@@ -663,6 +408,230 @@ OKU_API int oku_agc_set_log(oku_agc* agc, oku_agc_log_fn fn, void* user);
 
 /* Releases the gain control. returns : OKU_OK; OKU_ERR_NULL (agc; nothing happens) */
 OKU_API int oku_agc_destroy(oku_agc* agc);
+
+/* ---- Facts for front ends ------------------------------------------------ */
+
+/* The library's version, "MAJOR.MINOR.PATCH"; never null. */
+OKU_API const char* oku_version(void);
+
+/*
+ * The supported sampling rates in Hz, ascending: 8000, 11025, 16000, 22050.
+ * - count [o] : receives the number of rates (4); may be NULL
+ * returns : the rates (a constant array owned by the library); never null
+ */
+OKU_API const int* oku_rates(size_t* count);
+
+/* 1 when rate is exactly one of the supported rates (16000.0 is, 16000.5 is not), else 0. */
+OKU_API int oku_rate_supported(double rate);
+
+/*
+ * The supported rate nearest to rate (44100 -> 22050, 48000 -> 22050,
+ * 12000 -> 11025); halfway between two rates, the higher one. 0 when rate is
+ * not a positive finite number.
+ */
+OKU_API int oku_nearest_rate(double rate);
+
+/*
+ * Every input rate the services take, ascending: 8000, 11025, 12000, 16000,
+ * 22050, 24000, 32000, 44100, 48000, 64000, 88200, 96000, 176400, 192000.
+ * Audio at any of them is converted inside the library to its analysis rate
+ * (oku_analysis_rate), one of oku_rates(); see oku_vad_open.
+ * - count [o] : receives the number of rates (14); may be NULL
+ * returns : the rates (a constant array owned by the library); never null
+ */
+OKU_API const int* oku_input_rates(size_t* count);
+
+/*
+ * The rate at which the services analyse input of `rate` Hz, by one rule:
+ * the four analysis rates stay as they are; 44100, 88200 and 176400 (the
+ * 11025 Hz family) go to 22050; 12000 goes to 8000; every other input rate
+ * goes to 16000 (48000 by 3:1, 32000 by 2:1, 24000 by 2:3, 64000, 96000 and
+ * 192000 by halving first). 0 when rate is not exactly one of oku_input_rates().
+ */
+OKU_API int oku_analysis_rate(double rate);
+
+/* The most interleaved channels a handle takes (oku_vad_open, oku_agc_open). */
+#define OKU_MAX_CHANNELS 64
+OKU_API int oku_max_channels(void);
+
+/*
+ * Names of the values of the interface's enumerations: short lower-case
+ * identifiers that stay the same across versions, for records, logs and
+ * bindings. NULL for a value outside the enumeration.
+ *   oku_vad_result_name : "none", "speech_start", "speech_end", "volume", "frame"
+ *   oku_assessment_name : "ok", "too_noisy", "too_soft", "too_loud"
+ *   oku_agc_control_name: "unchanged", "pause_too_low", "speech_too_low",
+ *                         "speech_too_high", "operating_limit", "gain_estimate"
+ */
+OKU_API const char* oku_vad_result_name(int type);
+OKU_API const char* oku_assessment_name(int assessment);
+OKU_API const char* oku_agc_control_name(int control);
+
+/* How many values each of those enumerations has (the names run from 0 to count - 1). */
+#define OKU_VAD_RESULT_TYPE_COUNT 5
+#define OKU_ASSESSMENT_COUNT 4
+#define OKU_AGC_CONTROL_COUNT 6
+
+/*
+ * The number of samples in a chunk of `ms` milliseconds at `rate` Hz, rounded
+ * to the nearest whole sample, halves up: floor(ms * rate / 1000 + 0.5), the
+ * product formed in double precision (0.3125 ms at 8000 Hz is 2.5 samples and
+ * gives 3). Every front end of the library cuts its chunks with this rule.
+ * - rate    [i] : samples per second, a positive finite number (any rate, not
+ *                 only the supported ones: a chunk may be cut before resampling)
+ * - ms      [i] : the chunk's length, a positive finite number
+ * - samples [o] : at least 1
+ * returns : OKU_OK; OKU_ERR_NULL (samples); OKU_ERR_ARGUMENT (rate or ms not
+ *           positive and finite, a chunk that rounds to no sample, or one
+ *           larger than any array: above PTRDIFF_MAX / 2 samples)
+ */
+OKU_API int oku_chunk_samples(double rate, double ms, size_t* samples);
+
+/*
+ * A host's volume as a gain, exactly as OKUAGC_ComputeGain converts it: the
+ * ratio volume / bound formed in double precision and rounded to float.
+ * - volume [i] : 0 to bound
+ * - bound  [i] : the volume of full gain, above 0
+ * - gain   [o] : 0 to 1
+ * returns : OKU_OK; OKU_ERR_NULL (gain); OKU_ERR_ARGUMENT (bound <= 0, or
+ *           volume outside 0 to bound)
+ */
+OKU_API int oku_gain_from_volume(long volume, long bound, double* gain);
+
+/*
+ * A gain as a host's volume, exactly as OKUAGC_ComputeGain converts it: the
+ * gain rounded to float (the gain control's precision), times the bound as a
+ * float, formed in double precision and truncated; held to the bound (which a
+ * bound above 2^24 as a float may exceed). The round trip of an unchanged
+ * volume may lose one unit (40000 of 65535 comes back as 39999), so a host
+ * applies a proposed gain only when it differs from the gain it gave.
+ * - gain   [i] : 0 to 1
+ * - bound  [i] : the volume of full gain, above 0
+ * - volume [o] : 0 to bound
+ * returns : OKU_OK; OKU_ERR_NULL (volume); OKU_ERR_ARGUMENT (bound <= 0, or
+ *           gain outside 0 to 1 or NaN)
+ */
+OKU_API int oku_volume_from_gain(double gain, long bound, long* volume);
+
+/* The two services, for the settings functions below. */
+typedef enum oku_service {
+    OKU_SERVICE_VAD = 0, /* the voice-activity analyzer */
+    OKU_SERVICE_AGC = 1  /* the automatic gain control */
+} oku_service;
+
+typedef enum oku_setting_type {
+    OKU_SETTING_INT = 0, /* read as a whole number ("1.5" reads as 1, "42abc" as 42) */
+    OKU_SETTING_REAL = 1 /* read as a real number (the gain control keeps it as a float) */
+} oku_setting_type;
+
+/* One setting of a service: what its parameter string may set. */
+typedef struct oku_setting {
+    const char* key;      /* the parameter string key, e.g. "EOSTimeoutMs" */
+    const char* name;     /* the same, lower case and hyphenated: "eos-timeout-ms" */
+    const char* unit;     /* "ms", "dB", "dBFS", "dB per 100 ms", or "" for a plain number */
+    const char* meaning;  /* one line of English */
+    int32_t type;         /* an oku_setting_type */
+    int32_t reserved;
+    double default_value; /* what the service takes when the key is absent */
+} oku_setting;
+
+/*
+ * Every setting of a service, in the order the service reads them; the
+ * services take their defaults from these same tables. Settings given in
+ * milliseconds become frames: rounded to the nearest frame by the analyzer,
+ * truncated to whole 20 ms by the gain control. The analyzer's EOSTimeoutMs
+ * default (420) is its value at creation.
+ * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
+ * - count   [o] : receives the number of settings (0 for another service); may be NULL
+ * returns : the table (constant, owned by the library), or NULL for another service
+ */
+OKU_API const oku_setting* oku_settings(int service, size_t* count);
+
+/*
+ * The value a service would take for one setting from a parameter string: the
+ * string's value read as the service reads it (a whole number for an integer
+ * setting; for the gain control, a real setting rounded to float), or the
+ * default when the string does not hold the key.
+ * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
+ * - params  [i] : parameter string ("Key=Value;..."), or NULL/"" for the defaults
+ * - key     [i] : a key of the service's table
+ * - value   [o] : the value
+ * returns : OKU_OK; OKU_ERR_NULL (key, value); OKU_ERR_ARGUMENT (another
+ *           service, or a key that is not a setting of the service);
+ *           OKU_ERR_PARAMS (a malformed string, or a value for the key that
+ *           does not read as its type)
+ */
+OKU_API int oku_setting_value(int service, const char* params, const char* key, double* value);
+
+/*
+ * Checks a parameter string for a service without keeping anything: its
+ * grammar, the value of every key the service reads, and the settings the
+ * service refuses (as its create function would). oku_last_error() then names
+ * the problem: "Invalid format: ...", "EOSTimeoutMs: 'soon' is not a whole
+ * number", "LeastGain must lie in (0, 1]". Keys the service does not read are
+ * not an error (see oku_params_entries to find them).
+ * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
+ * - params  [i] : parameter string, or NULL/"" for the defaults
+ * returns : OKU_OK; OKU_ERR_ARGUMENT (another service); OKU_ERR_PARAMS; OKU_ERR_MEMORY
+ */
+OKU_API int oku_params_check(int service, const char* params);
+
+/* Receives one entry of a parameter string. */
+typedef void (*oku_params_fn)(void* user, const char* key, const char* value);
+
+/*
+ * Calls fn(user, key, value) for each entry of a parameter string as the
+ * services see it: empty entries skipped, the first occurrence of a key kept,
+ * in ascending byte order of the keys. A malformed string reports nothing.
+ * fn must not call back into the library with the same string's entries.
+ * - params [i] : parameter string, or NULL/"" (no entries)
+ * returns : OKU_OK; OKU_ERR_NULL (fn); OKU_ERR_PARAMS (malformed); OKU_ERR_MEMORY
+ */
+OKU_API int oku_params_entries(const char* params, oku_params_fn fn, void* user);
+
+/*
+ * The entries of a parameter string whose key no setting of the service has
+ * (a misspelt key, or one meant for the other service): the service ignores
+ * them, and a front end warns about them. Calls fn(user, key, value) for each,
+ * in ascending byte order of the keys, and writes how many there are.
+ * fn must not call back into the library with the same string's entries.
+ * - service [i] : OKU_SERVICE_VAD or OKU_SERVICE_AGC
+ * - params  [i] : parameter string, or NULL/"" (no entries)
+ * - fn      [i] : receives each unknown entry; may be NULL (only count them)
+ * - count   [o] : the number of unknown keys; may be NULL
+ * returns : OKU_OK; OKU_ERR_ARGUMENT (another service); OKU_ERR_PARAMS
+ *           (malformed; nothing reported); OKU_ERR_MEMORY
+ */
+OKU_API int oku_params_unknown(int service, const char* params, oku_params_fn fn, void* user, size_t* count);
+
+/*
+ * How long the analyzer may hold audio before it hands it out decided: the
+ * time from a frame's first sample until the frame has come out with its
+ * speech flag (OKU_VAD_FRAME), for these settings at this rate. It is the
+ * longest of: the speech window plus two frames (in a pause), a third of the
+ * end-of-speech timeout plus two frames (in speech), and, at the start of a
+ * run, the histogram's minimum window (the noise level must be known first).
+ * With the defaults: 800 ms at the start of a run, 240 ms after. Near digital
+ * silence the start of a run can take longer, up to 200 frames (4 s), since
+ * frames under 15 dB of energy do not fill the histogram. Speech starts and
+ * ends are dated back within the same bounds. For a host that delays audio
+ * until it is decided (a gate) and must say by how much.
+ * At an input rate that is converted, the converter's own delay (2.3 to
+ * 3.6 ms, 6.2 ms at 12000 Hz; oku_analysis_rate) is added.
+ * - rate   [i] : one of oku_input_rates() (Hz)
+ * - params [i] : parameter string, or NULL/"" for the defaults
+ * - ms     [o] : the delay in milliseconds
+ * returns : OKU_OK; OKU_ERR_NULL (ms); OKU_ERR_RATE; OKU_ERR_PARAMS; OKU_ERR_MEMORY
+ */
+OKU_API int oku_vad_delay(double rate, const char* params, double* ms);
+
+/*
+ * The size in bytes of a structure of this interface, for bindings that
+ * mirror them and want to check they match the library they loaded:
+ * "oku_vad_result", "oku_agc_decision", "oku_setting" or "oku_vad_segment".
+ * 0 for another name.
+ */
+OKU_API size_t oku_struct_size(const char* name);
 
 #ifdef __cplusplus
 }

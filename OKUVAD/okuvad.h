@@ -53,12 +53,8 @@ extern "C" {
 
 /*
  * Volume assessments written to *piVolumeInfo_p with OKUVAD_RESULT_VOLUME.
- * "Too noisy" comes first: it is reported whenever the noise estimate lies
- * above the too-noisy level, over "too loud" and "too soft", and lasts as
- * long as the estimate does. The estimate follows the last 2 s of frames
- * above 15 dB of energy, so after noise it stays over digital silence.
- * The handle interface (oku.h) also reports the meter's level and SNR
- * percentage; how those start a run and how far they fall is written there.
+ * "Too noisy" comes before the others and lasts as long as the noise
+ * estimate does: docs/c-api.md, "The meter's behaviours".
  */
 #define OKUVAD_VOLUME_OK        0
 #define OKUVAD_VOLUME_TOO_NOISY 1

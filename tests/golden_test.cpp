@@ -312,13 +312,14 @@ std::string GoldenPath(const testsig::Recording& r, double rate)
 // whose last bits differ between C libraries (glibc's x86-64 build wrote the
 // files); everything else (decisions, positions, peaks, gains, controls) is
 // exact everywhere. Elsewhere those two values compare within kLog10Ulps
-// units in the last place.
+// units in the last place: the SNR percentage is a difference of
+// logarithms over a scale, which can turn a log10 one unit off into 17.
 #if defined(__x86_64__) && defined(__linux__)
 const bool kExactLog10 = true;
 #else
 const bool kExactLog10 = false;
 #endif
-const std::int64_t kLog10Ulps = 16;
+const std::int64_t kLog10Ulps = 64;
 
 // Distance in units in the last place between two finite doubles.
 std::int64_t Ulps(double a, double b)
