@@ -33,15 +33,13 @@ double ParseDouble(const std::string& option, const std::string& text, double mi
     return v;
 }
 
-// The library's input rates for people: "8000, 11025, ... Hz".
+// The library's input rates for people: "14 input rates (8000 to 192000 Hz)".
 std::string InputRates()
 {
     std::size_t count = 0;
     const int* rates = oku_input_rates(&count);
-    std::string text;
-    for (std::size_t i = 0; i < count; ++i)
-        text += (i ? ", " : "") + std::to_string(rates[i]);
-    return text + " Hz";
+    return std::to_string(count) + " input rates (" + std::to_string(rates[0]) + " to " +
+           std::to_string(rates[count - 1]) + " Hz)";
 }
 
 }  // namespace
@@ -62,8 +60,8 @@ std::string HelpText(const std::string& command)
         "                          and errors stay\n"
         "  --help                  this text\n"
         "\nInputs are any files libsndfile reads (WAV, FLAC, Ogg, ...), MP3, or '-' for standard\n"
-        "input, at their own rate and channels. The library takes these rates itself:\n  " + InputRates() +
-        "\nanother rate is resampled with libsoxr first. No output ever overwrites an input.\n"
+        "input, at their own rate and channels: the library takes its " + InputRates() + "\n"
+        "itself, another rate is resampled with libsoxr first. No output ever overwrites an input.\n"
         "Exit status: 0 all inputs done, 1 an input or an output failed (an error record with\n"
         "--format json or csv; the other inputs are still processed), 2 a bad option, output name\n"
         "or parameter string (nothing is processed).\n";
