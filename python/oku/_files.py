@@ -119,7 +119,8 @@ class _SoundFile(_Source):
         self._file = file
         self.rate, self.channels = file.samplerate, file.channels
         self.floats = file.subtype != "PCM_16"
-        self.declared = _wav_declared_frames(path)
+        # A FLAC file's stream information and a WAV file's data chunk declare a length.
+        self.declared = file.frames if file.format == "FLAC" else _wav_declared_frames(path)
 
     def blocks(self, ms: float) -> Iterator[Any]:
         frames = chunk_samples(self.rate, ms)
@@ -159,24 +160,36 @@ def _open(path: "os.PathLike[str] | str") -> _Source:
     return _SoundFile(path, f)
 
 
+# WAV encodings of one block per frame (PCM, float, A-law, mu-law), whose
+# data chunk's size gives the frames; and the sizes streaming writers leave
+# for "as long as it goes" (0x7FFFF000 is espeak-ng --stdout's).
+_WAV_FRAME_BLOCKS = (1, 3, 6, 7)
+_WAV_OPEN_SIZES = (0, 0x7FFFF000, 0x7FFFFFFF, 0xFFFFFFFF)
+
+
 def _wav_declared_frames(path: str) -> Optional[int]:
-    """The frames a RIFF WAV header declares in its data chunk, or None when
-    it declares none (a length left open by a streaming writer) or cannot be read."""
+    """The frames a RIFF WAV header declares in its data chunk (as the oku
+    command reads it), or None when it declares none (a length left open by a
+    streaming writer, an encoding of blocks of many frames) or cannot be read."""
     with open(path, "rb") as f:
         head = f.read(12)
         if len(head) < 12 or head[:4] != b"RIFF" or head[8:12] != b"WAVE":
             return None
-        align = 0
-        while True:
+        tag = align = 0
+        for _ in range(256):
             chunk = f.read(8)
             if len(chunk) < 8:
                 return None
             kind, size = chunk[:4], struct.unpack("<I", chunk[4:])[0]
             if kind == b"data":
-                return size // align if align and 0 < size < 0xFFFFFFFF else None
+                frames = tag in _WAV_FRAME_BLOCKS and align > 0 and size not in _WAV_OPEN_SIZES
+                return size // align if frames else None
             body = f.read(size + (size & 1)) if kind == b"fmt " else f.seek(size + (size & 1), os.SEEK_CUR)
-            if kind == b"fmt " and len(body) >= 14:
-                align = struct.unpack("<H", body[12:14])[0]
+            if kind == b"fmt " and len(body) >= 16:
+                tag, align = struct.unpack("<H", body[0:2])[0], struct.unpack("<H", body[12:14])[0]
+                if tag == 0xFFFE and len(body) >= 26:  # WAVE_FORMAT_EXTENSIBLE: the subformat's tag
+                    tag = struct.unpack("<H", body[24:26])[0]
+    return None
 
 
 # libmpg123, from its header mpg123.h.

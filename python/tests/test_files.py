@@ -86,12 +86,21 @@ class SegmentFileTest(unittest.TestCase):
                             ("short.flac", ValueError), ("header.wav", ValueError), ("odd.wav", ValueError)):
             self.assertRaises(error, oku.segment_file, self.path(name))
         self.assertRaises(ValueError, oku.segment_file, self.paths[0], "EOSTimeoutMs")
-        # A truncated WAV file is cut as far as it goes, with a warning.
-        with warnings.catch_warnings(record=True) as caught:
-            warnings.simplefilter("always")
-            cut = oku.segment_file(self.path("cut.wav"))
-        self.assertEqual((3 * 16000, 6 * 16000, 1), (cut.frames, cut.declared_frames, len(caught)))
-        self.assertEqual(oku.segment_file(self.paths[0]).segments[0], cut.segments[0])
+        # A truncated WAV file is cut as far as it goes, with a warning; a length a streaming writer
+        # left open (espeak-ng --stdout writes 0x7FFFF000) and a coding of many frames per block
+        # (IMA ADPCM) declare nothing, as the oku command reads them.
+        opened = bytearray(wav)
+        opened[40:44] = (0x7FFFF000).to_bytes(4, "little")
+        Path(self.path("open.wav")).write_bytes(bytes(opened))
+        soundfile.write(self.path("adpcm.wav"), numpy.array(signal(16000, BURSTS, 6.0), dtype=numpy.int16), 16000,
+                        subtype="IMA_ADPCM")
+        for name, frames, declared, warned in (("cut.wav", 3 * 16000, 6 * 16000, 1), ("open.wav", 6 * 16000, None, 0),
+                                               ("adpcm.wav", None, None, 0)):
+            with self.subTest(name), warnings.catch_warnings(record=True) as caught:
+                warnings.simplefilter("always")
+                cut = oku.segment_file(self.path(name))
+                self.assertEqual((frames or cut.frames, declared, warned), (cut.frames, cut.declared_frames, len(caught)))
+        self.assertEqual(oku.segment_file(self.paths[0]).segments[0], oku.segment_file(self.path("cut.wav")).segments[0])
 
     def test_the_dask_recipe_gives_the_manifest_of_one_process(self):
         if importlib.util.find_spec("distributed") is None:
