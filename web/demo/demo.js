@@ -52,7 +52,7 @@ async function run() {
   mute.gain.value = 0;
   context.createMediaStreamSource(stream).connect(node).connect(mute).connect(context.destination);
   await context.resume();
-  $('status').textContent = 'listening at ' + context.sampleRate + ' Hz (analysed at ' + node.libraryRate + ' Hz)';
+  $('status').textContent = 'listening at ' + context.sampleRate + ' Hz (analysed at ' + node.analysisRate + ' Hz)';
 }
 
 load().then((oku) => ($('version').textContent = oku.version));

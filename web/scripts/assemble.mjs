@@ -5,7 +5,8 @@
 //   processor.js  the worklet processor, one file that stands alone (a
 //                 bundler copies a worklet file as it is)
 //   index.d.ts    the types
-// and refuses a build whose JavaScript holds eval( or new Function.
+// It copies the library's LICENSE to web/LICENSE for the npm tarball, and
+// refuses a build whose JavaScript holds eval( or new Function.
 // Usage: node web/scripts/assemble.mjs build-web/oku.wasm VERSION
 import { cpSync, mkdirSync, readFileSync, writeFileSync, copyFileSync, readdirSync, rmSync } from 'node:fs';
 import { execFileSync } from 'node:child_process';
@@ -31,12 +32,17 @@ writeFileSync(
   join(staging, 'wasm.js'),
   "export const WASM_GZIP_BASE64 = '" + packed.toString('base64') + "';\n",
 );
+// Minified in syntax only: line breaks and names stay, so that an error
+// shows its own short line of code (never the line of the embedded wasm)
+// and names the class or function it comes from, for 0.3 KB of gzip.
 for (const entry of ['index.js', 'processor.js']) {
-  execFileSync('esbuild', [join(staging, entry), '--bundle', '--format=esm', '--minify', '--target=es2020',
+  execFileSync('esbuild', [join(staging, entry), '--bundle', '--format=esm', '--minify-syntax', '--target=es2020',
     '--log-level=warning', '--banner:js=// oku-speech ' + version + ' (BSD-3-Clause)', '--outfile=' + join(dist, entry)],
   { stdio: 'inherit' });
 }
 copyFileSync(join(web, 'src', 'index.d.ts'), join(dist, 'index.d.ts'));
+// npm packs the notice the licence asks for (web/LICENSE, not kept in git).
+copyFileSync(join(web, '..', 'LICENSE'), join(web, 'LICENSE'));
 
 const pkg = JSON.parse(readFileSync(join(web, 'package.json'), 'utf8'));
 if (pkg.version !== version) throw new Error('web/package.json has version ' + pkg.version + ', the library ' + version);

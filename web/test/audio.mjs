@@ -55,3 +55,38 @@ export function bursts(rate, seconds = 6, noise = 100, tone = 8000) {
   }
   return out;
 }
+
+// The stereo recording of the node tests: loud tone bursts (the gain control
+// turns them down) on the left, at half their level on the right, in whole
+// 128-frame quanta.
+export function stereo(rate) {
+  const samples = bursts(rate, 6, 100, 30000);
+  const left = new Float32Array(Math.ceil(samples.length / 128) * 128);
+  samples.forEach((x, i) => (left[i] = x / 32768));
+  return [left, left.map((x) => x / 2)];
+}
+
+// What OkuNode posts for `planes` at `rate`, rendered from context frame
+// `start` with the gain in force `gain`: the package's results for the same
+// 128-frame quanta, in context frames.
+export function nodeMessages(oku, planes, rate, start, gain) {
+  const vad = new oku.Vad(rate, { channels: planes.length });
+  const agc = new oku.Agc(rate, { channels: planes.length });
+  const out = [];
+  for (let i = 0; i + 128 <= planes[0].length; i += 128) {
+    const quantum = planes.map((p) => p.subarray(i, i + 128));
+    for (const r of vad.process(quantum)) {
+      const { position, start: _, startMs, ...rest } = r;
+      out.push({ ...rest, position: start + position, time: (start + position) / rate, libraryPosition: position });
+    }
+    const { gain: next, decision } = agc.process(quantum, gain);
+    if (decision.changed) {
+      const position = start + i + 128;
+      out.push({ type: 'gain', gain: next, decision, position, time: position / rate });
+      gain = next;
+    }
+  }
+  vad.close();
+  agc.close();
+  return out;
+}

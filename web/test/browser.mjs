@@ -4,12 +4,14 @@
 // overall time limit only as a guard against a page that never reports.
 import { spawn, spawnSync } from 'node:child_process';
 import { createServer } from 'node:http';
-import { mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
+import { mkdtempSync, readdirSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { extname, join, normalize } from 'node:path';
 import { fileURLToPath } from 'node:url';
 
 export const WEB = fileURLToPath(new URL('..', import.meta.url));
+// The build folder of web/build.sh (the native program, and the tests' files).
+export const BUILD = process.env.OKU_WEB_BUILD || fileURLToPath(new URL('../../build-web/', import.meta.url));
 
 const TYPES = { '.html': 'text/html', '.js': 'text/javascript', '.mjs': 'text/javascript', '.css': 'text/css' };
 
@@ -19,23 +21,25 @@ export function chromiumMissing() {
   return r.status === 0 ? null : 'chromium is not installed (scripts/setup.sh --web installs it)';
 }
 
-// Serves WEB on 127.0.0.1 and resolves `result` with the first POST /result body.
-export async function serve(port = 0) {
+// Serves `root` on 127.0.0.1 and resolves `result` with the first POST
+// /result body; a POST /mark is answered with what server.mark() returns.
+export async function serve(root = WEB, port = 0) {
   let deliver;
   const result = new Promise((resolve) => (deliver = resolve));
   const server = createServer((req, res) => {
-    if (req.method === 'POST' && req.url === '/result') {
+    if (req.method === 'POST') {
       let body = '';
       req.on('data', (d) => (body += d));
       req.on('end', () => {
-        res.end('ok');
-        deliver(JSON.parse(body));
+        if (req.url === '/mark') return res.end(JSON.stringify(self.mark()));
+        res.end('{}');
+        if (req.url === '/result') deliver(JSON.parse(body));
       });
       return;
     }
-    let path = normalize(join(WEB, decodeURIComponent(new URL(req.url, 'http://x').pathname)));
+    let path = normalize(join(root, decodeURIComponent(new URL(req.url, 'http://x').pathname)));
     if (path.endsWith('/')) path += 'index.html';
-    if (!path.startsWith(WEB)) {
+    if (!path.startsWith(root)) {
       res.writeHead(403).end();
       return;
     }
@@ -52,20 +56,37 @@ export async function serve(port = 0) {
     }
   });
   await new Promise((resolve) => server.listen(port, '127.0.0.1', resolve));
-  return { url: 'http://127.0.0.1:' + server.address().port, result, close: () => server.close() };
+  const self = { url: 'http://127.0.0.1:' + server.address().port, result, mark: () => ({}), close: () => server.close() };
+  return self;
 }
 
-// Starts headless Chromium on `url` with the WAV file's samples as its
+// The resident memory of the renderer processes of the browser whose
+// profile is in `dir`, in bytes (from /proc).
+export function rendererMemory(dir) {
+  let bytes = 0;
+  for (const pid of readdirSync('/proc').filter((p) => /^[0-9]+$/.test(p))) {
+    try {
+      const cmdline = readFileSync(`/proc/${pid}/cmdline`, 'utf8');
+      if (!cmdline.includes('--type=renderer') || !cmdline.includes(dir)) continue;
+      bytes += Number(readFileSync(`/proc/${pid}/status`, 'utf8').match(/VmRSS:\s+([0-9]+) kB/)[1]) * 1024;
+    } catch {
+      // The process ended meanwhile.
+    }
+  }
+  return bytes;
+}
+
+// Starts headless Chromium on `url`; `mic`, [samples, rate], is played as its
 // microphone. With `pipe`, the DevTools protocol is open on fds 3 and 4.
-export function launch(url, samples, rate, { pipe = false, size = '900,700' } = {}) {
+export function launch(url, { mic, pipe = false, size = '900,700' } = {}) {
   const dir = mkdtempSync(join(tmpdir(), 'oku-chromium-'));
   const wavPath = join(dir, 'mic.wav');
-  writeFileSync(wavPath, wav(samples, rate));
+  if (mic) writeFileSync(wavPath, wav(...mic));
   const args = [
     '--headless=new', '--no-sandbox', '--no-first-run', '--disable-gpu', '--mute-audio',
     '--user-data-dir=' + join(dir, 'profile'), '--window-size=' + size,
     '--use-fake-ui-for-media-stream', '--use-fake-device-for-media-stream',
-    '--use-file-for-fake-audio-capture=' + wavPath + '%noloop',
+    ...(mic ? ['--use-file-for-fake-audio-capture=' + wavPath + '%noloop'] : []),
     '--autoplay-policy=no-user-gesture-required',
     ...(pipe ? ['--remote-debugging-pipe'] : []),
     url,
@@ -89,6 +110,7 @@ export function launch(url, samples, rate, { pipe = false, size = '900,700' } = 
   });
   return {
     child,
+    dir,
     exited,
     // Ends the browser and its helpers and removes its folder. Never throws: a folder that
     // a lingering helper keeps writing into is left behind with a warning, since the tests'
