@@ -185,6 +185,8 @@ class Segments(OkuTest):
             inside = any(round(s / 0.02) + 4 <= w <= round(e / 0.02) + 22 for s, e in BURSTS)
             self.assertEqual(inside, m["speech"], m)
         self.assertEqual({"ok"}, {m["assessment"] for m in meters})
+        # the level under the library's name, and under its old name for earlier readers
+        self.assertTrue(all(m["level_dbfs"] == m["dbfs"] <= 0 for m in meters))
 
     def test_positions_of_a_resampled_input_stay_within_it(self):
         # Speech up to the last sample: the segment closes at the end of the input,

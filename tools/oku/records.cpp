@@ -86,7 +86,9 @@ const std::vector<std::string>& Fields(RecordType type)
     static const std::vector<std::string> segment = {"index",        "start_s",    "end_s", "duration_s",
                                                      "start_sample", "end_sample", "clip"};
     static const std::vector<std::string> start = {"index", "start_s", "start_sample"};
-    static const std::vector<std::string> meter = {"time_s", "peak", "dbfs", "snr_pct", "assessment", "speech"};
+    // "dbfs" is the old name of "level_dbfs", kept in its place for readers of earlier records.
+    static const std::vector<std::string> meter = {"time_s",     "peak",   "dbfs", "snr_pct",
+                                                   "assessment", "speech", "level_dbfs"};
     static const std::vector<std::string> vadSummary =
         Join(Join({"rate", "original_rate", "duration_s", "segments", "speech_s", "readings"},
                   LibraryNames(oku_assessment_name)),

@@ -117,7 +117,8 @@ void RunVad(const InputSlot& slot, const Run& run, Writer& w)
                                 .Set("dbfs", r.level_dbfs, 1)
                                 .Set("snr_pct", r.snr_pct, 1)
                                 .Set("assessment", std::string(oku_assessment_name(a)))
-                                .Set("speech", r.speech != 0));
+                                .Set("speech", r.speech != 0)
+                                .Set("level_dbfs", r.level_dbfs, 1));
             }
         }
     };
