@@ -6,6 +6,7 @@
 #   make tsan   the thread tests under ThreadSanitizer
 #   make fuzz   each fuzz target for FUZZ_SECONDS (default 60)
 #   make memcheck  the unit tests and the oku command under valgrind
+#   make coverage  line coverage of the library and of each front end under the suite (build-cov)
 #   make docs   redraw the README's figure and rewrite docs/settings.md from the library
 #   make cross  the library and its C/C++ suite built for Linux i686 (SSE2 and x87), Linux aarch64
 #               and Windows x86-64 and i686 with Debian's cross compilers, run under qemu and Wine
@@ -20,7 +21,7 @@ BUILD ?= build
 CMAKE_FLAGS ?=
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build run test live golden docs tsan fuzz memcheck bench eval cross clean web web-setup web-test web-demo web-bench
+.PHONY: all setup build run test live golden docs tsan fuzz memcheck coverage bench eval cross clean web web-setup web-test web-demo web-bench
 FUZZ_SECONDS ?= 60
 
 all: build
@@ -84,6 +85,11 @@ fuzz: setup
 
 memcheck: build
 	scripts/memcheck.sh $(BUILD)
+
+# Line coverage (gcovr, coverage.py, Node's test coverage): prints the table
+# that docs/testing.md keeps.
+coverage: setup
+	JOBS=$(JOBS) CMAKE_FLAGS="$(CMAKE_FLAGS)" scripts/coverage.sh
 
 # Benchmarks: a Release build of their own, then the tables. Repetitions are
 # interleaved at random, so that a machine whose speed drifts during the run
