@@ -137,10 +137,13 @@ typedef struct oku_vad_result {
  */
 
 /*
- * Creates an analyzer, with all the memory it needs to run reserved: about
- * 62 KB (up to 72 KB with a converter), and with OKU_VAD_AUDIO_FRAMES also
- * 456 frames of 20 ms at the analysis rate (the frame ring and the result
- * queue): 205 KB at 8000 Hz, 465 KB at 22050 Hz in all.
+ * Creates an analyzer for mono audio, with all the memory it needs to run
+ * reserved: about 62 KB (up to 72 KB with a converter), and with
+ * OKU_VAD_AUDIO_FRAMES also 456 frames of 20 ms at the analysis rate (the
+ * frame ring and the result queue): 205 KB at 8000 Hz, 465 KB at 22050 Hz in
+ * all. The shorthand of oku_vad_open, kept as it was (the rate a double) for
+ * programs built against it: oku_vad_open and oku_agc_open take the rate the
+ * same way.
  * - rate   [i] : one of oku_input_rates() (Hz), given exactly: mono audio
  * - params [i] : parameter string ("Key=Value;..."; keys in oku_settings), or NULL/"" for the defaults
  * - out    [o] : the new handle, to be released with oku_vad_destroy
@@ -326,8 +329,8 @@ typedef struct oku_agc_decision {
 typedef void (*oku_agc_log_fn)(void* user, const char* line);
 
 /*
- * Creates a gain control, with all the memory it needs to run reserved:
- * 42 to 55 KB.
+ * Creates a gain control for mono audio, with all the memory it needs to run
+ * reserved: 42 to 55 KB. The shorthand of oku_agc_open, kept as it was.
  * - rate   [i] : one of oku_input_rates() (Hz): mono audio
  * - params [i] : parameter string (keys in oku_settings), or NULL/"" for the defaults
  * - out    [o] : the new handle, to be released with oku_agc_destroy
