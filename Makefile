@@ -128,7 +128,7 @@ eval:
 # The npm package (web/): built from the library's sources by emscripten.
 WEB_TOOLS = emscripten esbuild zopfli nodejs chromium
 WEB_SOURCES = $(wildcard src/*.cpp src/*.h src/*.inc OKUVAD/*.cpp OKUVAD/*.h web/src/*) CMakeLists.txt \
-              web/package.json web/build.sh web/scripts/assemble.mjs
+              web/package.json web/build.sh web/scripts/assemble.mjs web/test/native.c
 
 # npm comes with some builds of nodejs, and Debian's npm package conflicts with those.
 web-setup:
@@ -147,8 +147,8 @@ web-test: web
 web-demo: web
 	node web/demo/serve.mjs
 
-web-bench: web build
-	node web/bench/bench.mjs $(BUILD)
+web-bench: web
+	node web/bench/bench.mjs
 
 clean:
 	rm -rf $(BUILD)

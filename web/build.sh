@@ -27,10 +27,11 @@ g++ -O2 "${flags[@]}" "${sources[@]}" "$root/web/test/native.c" -o "$build/nativ
 native=$!
 trap 'kill "$native" 2>/dev/null || true' EXIT  # a failed wasm build ends the native one too
 # Debian's emscripten finds its acorn through NODE_PATH. -O3 (rather than -Oz)
-# keeps the analyzer within 1.5x of native for 4 KB more of download; emmalloc
+# keeps the analyzer within 1.5x of native for 4 KB more of download, and
+# NDEBUG leaves out the library's assertions, as the Release build does; emmalloc
 # is the smaller allocator (the library allocates only at creation). Exceptions stay
 # inside the library (its boundary catches them), as wasm exceptions.
-NODE_PATH="${NODE_PATH:-/usr/share/nodejs}" emcc -O3 -flto -fwasm-exceptions "${flags[@]}" \
+NODE_PATH="${NODE_PATH:-/usr/share/nodejs}" emcc -O3 -DNDEBUG -flto -fwasm-exceptions "${flags[@]}" \
   "${sources[@]}" "$root/web/src/glue.cpp" \
   -sSTANDALONE_WASM --no-entry -sALLOW_MEMORY_GROWTH=1 -sMALLOC=emmalloc -sEXPORTED_FUNCTIONS="${list%,}" \
   -o "$build/oku.wasm"

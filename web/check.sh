@@ -3,7 +3,7 @@
 # installed (make web-setup), and says why not otherwise.
 cd "$(dirname "$0")/.."
 missing=()
-for tool in emcc esbuild zopfli node; do command -v "$tool" >/dev/null || missing+=("$tool"); done
+for tool in emcc esbuild zopfli node g++; do command -v "$tool" >/dev/null || missing+=("$tool"); done
 if [ ${#missing[@]} -gt 0 ]; then
   echo "web: tests skipped: ${missing[*]} not installed (make web-setup installs them)"
   exit 0

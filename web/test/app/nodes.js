@@ -1,12 +1,14 @@
-// Creates and closes 1000 nodes on one AudioContext, then keeps 32 alive at
-// once until each has reported a reading; marks the worklet's wasm memory, and
-// asks the server to mark the renderer's, after node 100, node 1000 and the
-// 32. Posts the marks, or the error.
+// On one AudioContext: a worklet file that is not there, then creates and
+// closes 1000 nodes, then keeps 32 alive at once until each has reported a
+// reading; marks the worklet's wasm memory, and asks the server to mark the
+// renderer's, after node 100, node 1000 and the 32. Posts the first error's
+// message and the marks, or the error.
 import { OkuNode } from '../../dist/index.js';
 
 const post = (path, body) => fetch(path, { method: 'POST', body: JSON.stringify(body) }).then((r) => r.json());
 try {
   const context = new AudioContext();
+  const missing = await OkuNode.create(context, { processorUrl: '/nowhere/processor.js' }).catch((e) => e.message);
   const marks = [];
   const mark = async (nodes, node) => marks.push({ nodes, wasm: node.workletMemoryBytes, ...(await post('/mark', {})) });
   for (let i = 1; i <= 1000; i++) {
@@ -28,7 +30,7 @@ try {
   await Promise.all(heard);
   await Promise.all(alive.map((node) => node.close()));
   await mark(1032, alive[31]);
-  await post('/result', { marks });
+  await post('/result', { missing, marks });
 } catch (e) {
   await post('/result', { error: String(e && e.stack ? e.stack : e) });
 }
