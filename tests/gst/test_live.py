@@ -1,10 +1,9 @@
 """The gain control's closed loop through a real sound server (ctest label `live`: real time, PulseAudio).
 
 A PulseAudio server of the test's own (a private folder, a socket there, a pipe source) is fed in real time
-with a recording whose speech lies about 10 dB under the gain control's band, and `pulsesrc ! okuagc
-max-volume=10 ! okuvad ! fakesink` runs against it: okuagc must raise pulsesrc's stream volume, which the
-server applies to what it captures, until the speech lies in the band. Says "skipped" with the reason when
-no server can start."""
+with a recording whose speech lies about 10 dB under the gain control's band; `pulsesrc ! okuagc
+max-volume=10 ! okuvad ! fakesink` must raise pulsesrc's stream volume, which the server applies to what it
+captures, until the speech lies in the band. Says "skipped" with the reason when no server can start."""
 import array
 import ctypes
 import itertools
@@ -59,13 +58,11 @@ def main():
             time.sleep(0.1)
         p = Gst.parse_launch("pulsesrc name=mic server=unix:%s device=mic volume=1.0 ! audio/x-raw,format=S16LE,"
                              "rate=%d,channels=1 ! okuagc max-volume=10 ! okuvad name=vad ! fakesink" % (socket, RATE))
-        captured = []  # (running time, samples) as okuvad gets them
+        captured = []
 
-        def probe(pad, info):
-            segment = pad.get_sticky_event(Gst.EventType.SEGMENT, 0).parse_segment()
-            buf = info.get_buffer()
-            captured.append((segment.to_running_time(Gst.Format.TIME, buf.pts),
-                             array.array("h", buf.extract_dup(0, buf.get_size()))))
+        def probe(pad, info):  # (running time, samples) as okuvad gets them
+            buf, segment = info.get_buffer(), pad.get_sticky_event(Gst.EventType.SEGMENT, 0).parse_segment()
+            captured.append((segment.to_running_time(Gst.Format.TIME, buf.pts), buf.extract_dup(0, buf.get_size())))
             return Gst.PadProbeReturn.OK
         p.get_by_name("vad").get_static_pad("sink").add_probe(Gst.PadProbeType.BUFFER, probe)
         # (EOS from a thread of its own: pulsesrc takes it only while the writer goes on)
@@ -90,9 +87,7 @@ def main():
     assert abs(changes[-1]["volume-after"] - final) <= 0.01 * final, "pulsesrc's volume is not the one okuagc set"
     # a second after the last change (the server's buffer and ours hold a little at the old volume), the
     # speech level in dB of frame power, as the gain control measures it, lies in the gain control's band
-    tail = array.array("h")
-    for rt, a in captured:
-        tail.extend(a if rt >= changes[-1]["running-time"] + Gst.SECOND else [])
+    tail = array.array("h", b"".join(a for rt, a in captured if rt >= changes[-1]["running-time"] + Gst.SECOND))
     assert len(tail) >= 2 * RATE, "the volume did not settle 2 s before the end"
     frame, agc = RATE // 50, Gst.ElementFactory.make("okuagc")
     loud = sorted(db for db in (10 * math.log10(max(1e-9, sum(x * x for x in tail[i:i + frame]) / frame))
@@ -101,6 +96,7 @@ def main():
     print("speech level %.1f dB (band %g to %g)" % (band[1], band[0], band[2]))
     assert band[0] <= band[1] <= band[2], "the speech lies outside the band"
     print("ok")
+
 
 if __name__ == "__main__":
     main()
