@@ -16,13 +16,12 @@
  *   #guint64 `running-time` and #guint64 `position` (input frames from the
  *   start of the run). An end also carries the start of its segment:
  *   #guint64 `start-position` and #guint64 `start-stream-time`.
- * * `oku-volume`, a meter reading at most once per #GstOkuVad:interval:
- *   `stream-time`, `running-time`, `position` (the end of the audio
- *   measured), #gdouble `peak` (0 to 32768), #gdouble `level-dbfs`,
- *   #gdouble `snr-pct`, #gchararray `assessment` (`ok`, `too_noisy`,
- *   `too_soft` or `too_loud`) and #gboolean `speech`. How the meter behaves
- *   at the start of a run, in noise and in distorted speech is described in
- *   docs/c-api.md#the-meters-behaviours.
+ * * `oku-volume`, the library's meter reading (OKU_VAD_VOLUME) at most once
+ *   per #GstOkuVad:interval: `stream-time`, `running-time`, `position` (the
+ *   end of the audio measured), #gdouble `peak`, #gdouble `level-dbfs`,
+ *   #gdouble `snr-pct`, #gchararray `assessment` (the library's name of it,
+ *   oku_assessment_name()) and #gboolean `speech`. How the meter behaves is
+ *   described in docs/c-api.md#the-meters-behaviours.
  *
  * Every buffer it passes carries a #GstAudioLevelMeta: its level in -dBov as
  * RFC 6464 counts it, and whether it lies in speech, which RTP payloaders

@@ -1,5 +1,5 @@
-"""okuvad and okuagc in real pipelines, against the handle API run directly over the same samples, and
-against the analyzer's timing rules on tone bursts placed on 20 ms frame boundaries (testaudio.py)."""
+"""okuvad and okuagc in real pipelines, against the Python package over the same samples and the analyzer's
+timing rules on tone bursts placed on 20 ms frame boundaries (testaudio.py)."""
 import array
 import glob
 import math
