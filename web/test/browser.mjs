@@ -1,7 +1,8 @@
-// Headless Chromium for the tests: a loopback server for web/ that takes the
-// page's results by POST, and a browser whose microphone plays a file.
-// Nothing leaves the machine; the test waits on the page's POST, with an
-// overall time limit only as a guard against a page that never reports.
+// Headless Chromium for the tests: open() serves a folder on 127.0.0.1 under
+// a strict Content-Security-Policy, opens a page in a browser of its own
+// (whose microphone may play a recording) and returns what the page POSTs to
+// /result. Nothing leaves the machine; the test waits on the page's POST, with
+// an overall time limit only as a guard against a page that never reports.
 import { spawn, spawnSync } from 'node:child_process';
 import { createServer } from 'node:http';
 import { mkdtempSync, readdirSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
@@ -13,17 +14,18 @@ export const WEB = fileURLToPath(new URL('..', import.meta.url));
 // The build folder of web/build.sh (the native program, and the tests' files).
 export const BUILD = process.env.OKU_WEB_BUILD || fileURLToPath(new URL('../../build-web/', import.meta.url));
 
+// Why the browser tests cannot run here, or false when they can.
+export const chromiumMissing = () =>
+  spawnSync('chromium', ['--version']).status === 0 ? false : 'chromium is not installed (make web-setup installs it)';
+
 const TYPES = { '.html': 'text/html', '.js': 'text/javascript', '.mjs': 'text/javascript', '.css': 'text/css' };
 
-// Why the browser tests cannot run here, or null when they can.
-export function chromiumMissing() {
-  const r = spawnSync('chromium', ['--version'], { encoding: 'utf8' });
-  return r.status === 0 ? null : 'chromium is not installed (scripts/setup.sh --web installs it)';
-}
-
-// Serves `root` on 127.0.0.1 and resolves `result` with the first POST
-// /result body; a POST /mark is answered with what server.mark() returns.
-export async function serve(root = WEB, port = 0) {
+// Opens root/path and returns the page's report. Options: mic, [Int16Array,
+// rate], for the fake microphone; mark(dir), which answers the page's POSTs
+// to /mark (dir: the browser's profile); screenshot, which adds the page as
+// a PNG to the report once it has reported.
+export async function open(root, path, { mic, mark, screenshot } = {}) {
+  const dir = mkdtempSync(join(tmpdir(), 'oku-chromium-'));
   let deliver;
   const result = new Promise((resolve) => (deliver = resolve));
   const server = createServer((req, res) => {
@@ -31,37 +33,84 @@ export async function serve(root = WEB, port = 0) {
       let body = '';
       req.on('data', (d) => (body += d));
       req.on('end', () => {
-        if (req.url === '/mark') return res.end(JSON.stringify(self.mark()));
-        res.end('{}');
+        res.end(JSON.stringify(req.url === '/mark' ? mark(dir) : {}));
         if (req.url === '/result') deliver(JSON.parse(body));
       });
       return;
     }
-    let path = normalize(join(root, decodeURIComponent(new URL(req.url, 'http://x').pathname)));
-    if (path.endsWith('/')) path += 'index.html';
-    if (!path.startsWith(root)) {
-      res.writeHead(403).end();
-      return;
-    }
+    let file = normalize(join(root, decodeURIComponent(new URL(req.url, 'http://x').pathname)));
+    if (file.endsWith('/')) file += 'index.html';
     try {
-      const body = readFileSync(path);
-      res.writeHead(200, {
-        'Content-Type': TYPES[extname(path)] || 'application/octet-stream',
-        // The package must work under a strict policy: wasm, no eval.
-        'Content-Security-Policy': "script-src 'self' 'wasm-unsafe-eval'; connect-src 'self'",
-      });
+      if (!file.startsWith(root)) throw new Error('outside');
+      const body = readFileSync(file);
+      // The package must work under a strict policy: wasm, no eval.
+      res.writeHead(200, { 'Content-Type': TYPES[extname(file)] || 'application/octet-stream',
+        'Content-Security-Policy': "script-src 'self' 'wasm-unsafe-eval'; connect-src 'self'" });
       res.end(body);
     } catch {
       res.writeHead(404).end();
     }
   });
-  await new Promise((resolve) => server.listen(port, '127.0.0.1', resolve));
-  const self = { url: 'http://127.0.0.1:' + server.address().port, result, mark: () => ({}), close: () => server.close() };
-  return self;
+  await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
+  if (mic) writeFileSync(join(dir, 'mic.wav'), wav(...mic));
+  const args = ['--headless=new', '--no-sandbox', '--no-first-run', '--disable-gpu', '--mute-audio',
+    '--user-data-dir=' + join(dir, 'profile'), '--window-size=760,640', '--autoplay-policy=no-user-gesture-required',
+    '--use-fake-ui-for-media-stream', '--use-fake-device-for-media-stream',
+    ...(mic ? ['--use-file-for-fake-audio-capture=' + join(dir, 'mic.wav') + '%noloop'] : []),
+    ...(screenshot ? ['--remote-debugging-pipe'] : []), `http://127.0.0.1:${server.address().port}${path}`];
+  // A process group of its own, so that its helpers (renderer, audio) end with it.
+  const child = spawn('chromium', args, { detached: true, stdio: ['ignore', 'ignore', 'pipe', 'pipe', 'pipe'] });
+  let log = '';
+  child.stderr.on('data', (d) => (log = (log + d).slice(-4000)));
+  const ended = new Promise((resolve) => child.on('exit', resolve).on('error', resolve));
+  let timer;
+  try {
+    const report = await Promise.race([
+      result,
+      ended.then((code) => Promise.reject(new Error(`chromium ended (${code}) before ${path} reported:\n${log}`))),
+      new Promise((_, reject) => (timer = setTimeout(() => reject(new Error(path + ': no report in 180 s')), 180e3))),
+    ]);
+    if (report.error) throw new Error(path + ': ' + report.error);
+    if (screenshot) report.png = await capture(child);
+    return report;
+  } finally {
+    clearTimeout(timer);
+    server.close();
+    try {
+      process.kill(-child.pid, 'SIGKILL');
+    } catch {
+      // Already gone.
+    }
+    await ended;
+    rmSync(dir, { recursive: true, force: true, maxRetries: 20, retryDelay: 100 });
+  }
+}
+
+// The page as a PNG, through the DevTools protocol on fds 3 and 4.
+async function capture(child) {
+  let id = 0;
+  let buffer = '';
+  const waiting = new Map();
+  child.stdio[4].on('data', (d) => {
+    buffer += d;
+    for (let i; (i = buffer.indexOf('\0')) >= 0; buffer = buffer.slice(i + 1)) {
+      const msg = JSON.parse(buffer.slice(0, i));
+      if (waiting.has(msg.id)) waiting.get(msg.id)(msg.result);
+    }
+  });
+  const send = (method, params = {}, sessionId) =>
+    new Promise((resolve) => {
+      waiting.set(++id, resolve);
+      child.stdio[3].write(JSON.stringify({ id, method, params, sessionId }) + '\0');
+    });
+  const { targetInfos } = await send('Target.getTargets');
+  const { targetId } = targetInfos.find((t) => t.type === 'page');
+  const { sessionId } = await send('Target.attachToTarget', { targetId, flatten: true });
+  return Buffer.from((await send('Page.captureScreenshot', { format: 'png' }, sessionId)).data, 'base64');
 }
 
 // The resident memory of the renderer processes of the browser whose
-// profile is in `dir`, in bytes (from /proc).
+// profile is in `dir`, in bytes.
 export function rendererMemory(dir) {
   let bytes = 0;
   for (const pid of readdirSync('/proc').filter((p) => /^[0-9]+$/.test(p))) {
@@ -76,109 +125,14 @@ export function rendererMemory(dir) {
   return bytes;
 }
 
-// Starts headless Chromium on `url`; `mic`, [samples, rate], is played as its
-// microphone. With `pipe`, the DevTools protocol is open on fds 3 and 4.
-export function launch(url, { mic, pipe = false, size = '900,700' } = {}) {
-  const dir = mkdtempSync(join(tmpdir(), 'oku-chromium-'));
-  const wavPath = join(dir, 'mic.wav');
-  if (mic) writeFileSync(wavPath, wav(...mic));
-  const args = [
-    '--headless=new', '--no-sandbox', '--no-first-run', '--disable-gpu', '--mute-audio',
-    '--user-data-dir=' + join(dir, 'profile'), '--window-size=' + size,
-    '--use-fake-ui-for-media-stream', '--use-fake-device-for-media-stream',
-    ...(mic ? ['--use-file-for-fake-audio-capture=' + wavPath + '%noloop'] : []),
-    '--autoplay-policy=no-user-gesture-required',
-    ...(pipe ? ['--remote-debugging-pipe'] : []),
-    url,
-  ];
-  // Chromium leads a process group of its own, so that stop() can end its helper processes
-  // (renderer, GPU, audio) together with it: killed alone, the browser leaves them writing
-  // into the profile folder for a moment.
-  const child = spawn('chromium', args, {
-    detached: true,
-    stdio: ['ignore', 'ignore', 'pipe', ...(pipe ? ['pipe', 'pipe'] : [])],
-  });
-  let log = '';
-  child.stderr.on('data', (d) => (log = (log + d).slice(-4000)));
-  const exited = new Promise((_, reject) =>
-    child.on('exit', (code, signal) => reject(new Error('chromium ended (' + (signal || code) + ') before the page reported:\n' + log))));
-  exited.catch(() => {});
-  // Settles when the browser has ended, or could not be started at all.
-  const ended = new Promise((resolve) => {
-    child.on('exit', resolve);
-    child.on('error', resolve);
-  });
-  return {
-    child,
-    dir,
-    exited,
-    // Ends the browser and its helpers and removes its folder. Never throws: a folder that
-    // a lingering helper keeps writing into is left behind with a warning, since the tests'
-    // results do not depend on it.
-    async stop() {
-      try {
-        process.kill(-child.pid, 'SIGKILL');
-      } catch {
-        // Already gone, or never started.
-      }
-      await ended;
-      try {
-        rmSync(dir, { recursive: true, force: true, maxRetries: 20, retryDelay: 100 });
-      } catch (e) {
-        console.warn('# could not remove ' + dir + ': ' + e.message);
-      }
-    },
-  };
-}
-
-// Sends DevTools commands over the pipe: send(method, params, sessionId).
-export function devtools(child) {
-  let id = 0;
-  let buffer = '';
-  const waiting = new Map();
-  child.stdio[4].on('data', (d) => {
-    buffer += d;
-    for (let i; (i = buffer.indexOf('\0')) >= 0; ) {
-      const msg = JSON.parse(buffer.slice(0, i));
-      buffer = buffer.slice(i + 1);
-      if (msg.id && waiting.has(msg.id)) {
-        const { resolve, reject } = waiting.get(msg.id);
-        waiting.delete(msg.id);
-        if (msg.error) reject(new Error(msg.error.message));
-        else resolve(msg.result);
-      }
-    }
-  });
-  return (method, params = {}, sessionId) =>
-    new Promise((resolve, reject) => {
-      waiting.set(++id, { resolve, reject });
-      child.stdio[3].write(JSON.stringify({ id, method, params, ...(sessionId ? { sessionId } : {}) }) + '\0');
-    });
-}
-
-// A guard for a page that never reports: rejects after `seconds`.
-export function guard(promise, seconds, what) {
-  let timer;
-  const limit = new Promise((_, reject) => {
-    timer = setTimeout(() => reject(new Error(what + ': no report within ' + seconds + ' s')), seconds * 1000);
-  });
-  return Promise.race([promise, limit]).finally(() => clearTimeout(timer));
-}
-
+// A mono 16-bit WAV file.
 function wav(samples, rate) {
-  const data = Buffer.from(samples.buffer, samples.byteOffset, samples.byteLength);
   const h = Buffer.alloc(44);
-  h.write('RIFF', 0);
-  h.writeUInt32LE(36 + data.length, 4);
-  h.write('WAVEfmt ', 8);
-  h.writeUInt32LE(16, 16);
-  h.writeUInt16LE(1, 20);
-  h.writeUInt16LE(1, 22);
+  h.write('RIFF\0\0\0\0WAVEfmt \x10\0\0\0\x01\0\x01\0', 0, 'latin1');
+  h.writeUInt32LE(36 + samples.byteLength, 4);
   h.writeUInt32LE(rate, 24);
   h.writeUInt32LE(rate * 2, 28);
-  h.writeUInt16LE(2, 32);
-  h.writeUInt16LE(16, 34);
-  h.write('data', 36);
-  h.writeUInt32LE(data.length, 40);
-  return Buffer.concat([h, data]);
+  h.write('\x02\0\x10\0data', 32, 'latin1');
+  h.writeUInt32LE(samples.byteLength, 40);
+  return Buffer.concat([h, Buffer.from(samples.buffer, samples.byteOffset, samples.byteLength)]);
 }

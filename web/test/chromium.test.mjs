@@ -13,9 +13,9 @@ import { createRequire } from 'node:module';
 import { join } from 'node:path';
 import { load } from '../dist/index.js';
 import { nodeMessages, stereo } from './audio.mjs';
-import { BUILD, WEB, chromiumMissing, guard, launch, rendererMemory, serve } from './browser.mjs';
+import { BUILD, WEB, chromiumMissing, open, rendererMemory } from './browser.mjs';
 
-const skip = chromiumMissing() || false;
+const skip = chromiumMissing();
 const APP = join(WEB, 'test', 'app');
 const require = createRequire(join(WEB, 'package.json'));
 const tools = (() => {
@@ -25,21 +25,6 @@ const tools = (() => {
     return null;
   }
 })();
-
-// Opens root/path in Chromium and returns what the page posted.
-async function open(root, path, mark) {
-  const server = await serve(root);
-  const browser = launch(server.url + path);
-  if (mark) server.mark = () => mark(browser.dir);
-  try {
-    const got = await guard(Promise.race([server.result, browser.exited]), 180, path);
-    assert.equal(got.error, undefined, got.error);
-    return got;
-  } finally {
-    server.close();
-    await browser.stop();
-  }
-}
 
 // Each bundler's build as docs/web.md gives it, and the page that loads it.
 const esbuild = (format) => (out) =>
@@ -82,7 +67,7 @@ for (const name of ['plain', ...Object.keys(BUNDLERS)]) {
 }
 
 test('one context: a missing worklet file named, 1000 nodes created and closed, 32 alive, in flat memory', { skip }, async () => {
-  const { missing, marks } = await open(WEB, '/test/app/nodes.html', (dir) => ({ renderer: rendererMemory(dir) }));
+  const { missing, marks } = await open(WEB, '/test/app/nodes.html', { mark: (dir) => ({ renderer: rendererMemory(dir) }) });
   // A worklet file that is not there is named, with the remedy, and the
   // failure is not kept: the nodes after it load the right one.
   assert.match(missing, /could not be loaded from \/nowhere\/processor\.js .*processorUrl/);
