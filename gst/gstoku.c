@@ -202,9 +202,8 @@ void gst_oku_count_nonfinite(GstElement* element, guint64* total, guint64* count
 
 #define GST_OKU_ALIGNMENT (40 * GST_MSECOND)
 
-void gst_oku_timeline_start(GstOkuTimeline* t, int rate)
+void gst_oku_timeline_start(GstOkuTimeline* t)
 {
-    t->rate = rate;
     t->samples = 0;
     t->n_anchors = 0;
 }
@@ -222,8 +221,9 @@ static void timeline_anchor(GstOkuTimeline* t, guint64 position, GstClockTime ti
     t->n_anchors++;
 }
 
-void gst_oku_timeline_add(GstOkuTimeline* t, GstBuffer* buf, const GstSegment* segment)
+void gst_oku_timeline_add(GstOkuTimeline* t, GstAudioFilter* filter, GstBuffer* buf)
 {
+    const GstSegment* segment = &GST_BASE_TRANSFORM(filter)->segment;
     const GstClockTime pts = GST_BUFFER_PTS(buf);
     if (t->n_anchors == 0) {
         GstClockTime start = 0;
@@ -236,31 +236,34 @@ void gst_oku_timeline_add(GstOkuTimeline* t, GstBuffer* buf, const GstSegment* s
     }
     if (!GST_CLOCK_TIME_IS_VALID(pts))
         return;
-    const GstClockTime expected = gst_oku_timeline_time(t, t->samples);
+    const GstClockTime expected = gst_oku_timeline_time(t, filter, t->samples);
     const GstClockTime off = pts > expected ? pts - expected : expected - pts;
-    const GstClockTime sample = gst_util_uint64_scale_int_ceil(GST_SECOND, 1, t->rate);
+    const GstClockTime sample = gst_util_uint64_scale_int_ceil(GST_SECOND, 1, GST_AUDIO_FILTER_RATE(filter));
     if (off > GST_OKU_ALIGNMENT || (GST_BUFFER_IS_DISCONT(buf) && off > sample))
         timeline_anchor(t, t->samples, pts);
 }
 
-GstClockTime gst_oku_timeline_time(const GstOkuTimeline* t, guint64 position)
+GstClockTime gst_oku_timeline_time(const GstOkuTimeline* t, GstAudioFilter* filter, guint64 position)
 {
-    if (t->n_anchors == 0 || t->rate <= 0)
+    const int rate = GST_AUDIO_FILTER_RATE(filter);
+    if (t->n_anchors == 0 || rate <= 0)
         return GST_CLOCK_TIME_NONE;
     guint i = t->n_anchors - 1;
     while (i > 0 && t->anchors[i].position > position)
         i--;
     const GstOkuAnchor* a = &t->anchors[i];
     if (position >= a->position)
-        return a->time + gst_util_uint64_scale_int(position - a->position, GST_SECOND, t->rate);
+        return a->time + gst_util_uint64_scale_int(position - a->position, GST_SECOND, rate);
     /* Before the oldest anchor kept. */
-    const GstClockTime back = gst_util_uint64_scale_int(a->position - position, GST_SECOND, t->rate);
+    const GstClockTime back = gst_util_uint64_scale_int(a->position - position, GST_SECOND, rate);
     return a->time > back ? a->time - back : 0;
 }
 
-void gst_oku_segment_times(const GstSegment* segment, GstClockTime time, guint64* stream_time,
-                           guint64* running_time)
+void gst_oku_timeline_times(const GstOkuTimeline* t, GstAudioFilter* filter, guint64 position, guint64* stream_time,
+                            guint64* running_time)
 {
+    const GstSegment* segment = &GST_BASE_TRANSFORM(filter)->segment;
+    const GstClockTime time = gst_oku_timeline_time(t, filter, position);
     if (segment->format != GST_FORMAT_TIME) {
         *stream_time = *running_time = time;
         return;

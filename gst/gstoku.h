@@ -94,24 +94,27 @@ typedef struct {
 } GstOkuAnchor;
 
 typedef struct {
-    int rate;
     guint64 samples; /* frames received in the run */
     guint n_anchors;
     GstOkuAnchor anchors[GST_OKU_ANCHORS];
 } GstOkuTimeline;
 
-void gst_oku_timeline_start(GstOkuTimeline* t, int rate);
-/* Records the next buffer (call before adding its frames to t->samples). */
-void gst_oku_timeline_add(GstOkuTimeline* t, GstBuffer* buf, const GstSegment* segment);
-/* The buffer time of a position of the run; GST_CLOCK_TIME_NONE before the first buffer. */
-GstClockTime gst_oku_timeline_time(const GstOkuTimeline* t, guint64 position);
-
 /*
- * Stream time and running time of a buffer time (GST_CLOCK_TIME_NONE outside
- * the segment). A segment in another format than TIME gives the time itself.
+ * The rate is the one of the filter's audio info and the segment its base
+ * class's, both as the element receives the run's buffers (new caps end a
+ * run before the filter takes them).
  */
-void gst_oku_segment_times(const GstSegment* segment, GstClockTime time, guint64* stream_time,
-                           guint64* running_time);
+void gst_oku_timeline_start(GstOkuTimeline* t);
+/* Records the next buffer (call before adding its frames to t->samples). */
+void gst_oku_timeline_add(GstOkuTimeline* t, GstAudioFilter* filter, GstBuffer* buf);
+/* The buffer time of a position of the run; GST_CLOCK_TIME_NONE before the first buffer. */
+GstClockTime gst_oku_timeline_time(const GstOkuTimeline* t, GstAudioFilter* filter, guint64 position);
+/*
+ * Stream time and running time of a position (GST_CLOCK_TIME_NONE outside the
+ * segment). A segment in another format than TIME gives the buffer time itself.
+ */
+void gst_oku_timeline_times(const GstOkuTimeline* t, GstAudioFilter* filter, guint64 position, guint64* stream_time,
+                            guint64* running_time);
 
 G_END_DECLS
 

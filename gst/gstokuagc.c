@@ -240,7 +240,7 @@ static gboolean start_run(GstOkuAgc* self)
     }
     g_free(params);
     self->run_nonfinite = 0;
-    gst_oku_timeline_start(&self->timeline, rate);
+    gst_oku_timeline_start(&self->timeline);
     GST_OBJECT_LOCK(self);
     self->assumed = self->max_volume;
     GST_OBJECT_UNLOCK(self);
@@ -273,7 +273,7 @@ static GstFlowReturn gst_oku_agc_transform_ip(GstBaseTransform* trans, GstBuffer
     const GstAudioInfo* info = GST_AUDIO_FILTER_INFO(self);
     const guint64 frames = map.size / (guint)GST_AUDIO_INFO_BPF(info);
     const size_t n = (size_t)frames * (size_t)GST_AUDIO_INFO_CHANNELS(info);
-    gst_oku_timeline_add(&self->timeline, buf, &trans->segment);
+    gst_oku_timeline_add(&self->timeline, GST_AUDIO_FILTER(self), buf);
     self->timeline.samples += frames;
     if (GST_BUFFER_FLAG_IS_SET(buf, GST_BUFFER_FLAG_GAP)) {
         /* A gap holds no captured audio: its silence says nothing about the
@@ -328,8 +328,8 @@ static GstFlowReturn gst_oku_agc_transform_ip(GstBaseTransform* trans, GstBuffer
     gst_clear_object(&target);
 
     guint64 stream_time, running_time;
-    gst_oku_segment_times(&trans->segment, gst_oku_timeline_time(&self->timeline, self->timeline.samples),
-                          &stream_time, &running_time);
+    gst_oku_timeline_times(&self->timeline, GST_AUDIO_FILTER(self), self->timeline.samples, &stream_time,
+                           &running_time);
     const char* control = oku_agc_control_name(decision.control);
     GST_DEBUG_OBJECT(self, "%s: volume %g -> %g", control, before, after);
     GstStructure* s = gst_structure_new(

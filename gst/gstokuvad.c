@@ -181,8 +181,7 @@ static void post(GstOkuVad* self, GstStructure* s)
 
 static void times_of(GstOkuVad* self, guint64 position, guint64* stream_time, guint64* running_time)
 {
-    gst_oku_segment_times(&GST_BASE_TRANSFORM(self)->segment, gst_oku_timeline_time(&self->timeline, position),
-                          stream_time, running_time);
+    gst_oku_timeline_times(&self->timeline, GST_AUDIO_FILTER(self), position, stream_time, running_time);
 }
 
 /* A speech start, or an end with the start of the segment it closes. */
@@ -206,7 +205,7 @@ static void post_voice_activity(GstOkuVad* self, const oku_vad_result* r, const 
 
 static void post_volume(GstOkuVad* self, const oku_vad_result* r)
 {
-    const int rate = GST_AUDIO_INFO_RATE(GST_AUDIO_FILTER_INFO(self));
+    const int rate = GST_AUDIO_FILTER_RATE(self);
     GST_OBJECT_LOCK(self);
     const guint64 interval = gst_util_uint64_scale_int(self->interval, rate, GST_SECOND);
     GST_OBJECT_UNLOCK(self);
@@ -232,7 +231,7 @@ static void note_held(GstOkuVad* self, guint64 position, gint64 received)
 {
     if (received <= (gint64)position)
         return;
-    const int rate = GST_AUDIO_INFO_RATE(GST_AUDIO_FILTER_INFO(self));
+    const int rate = GST_AUDIO_FILTER_RATE(self);
     const GstClockTime held = gst_util_uint64_scale_int((guint64)received - position, GST_SECOND, rate);
     gboolean raised = FALSE;
     GST_OBJECT_LOCK(self);
@@ -278,7 +277,7 @@ static void gate_frame(GstOkuVad* self, const oku_vad_result* r, gint64 received
     }
     note_held(self, position, received);
     GstBuffer* out = gst_buffer_make_writable(gst_adapter_take_buffer(self->held, bytes));
-    const GstClockTime start = gst_oku_timeline_time(&self->timeline, position);
+    const GstClockTime start = gst_oku_timeline_time(&self->timeline, GST_AUDIO_FILTER(self), position);
     GST_BUFFER_PTS(out) = start;
     GST_BUFFER_DTS(out) = GST_CLOCK_TIME_NONE;
     GST_BUFFER_DURATION(out) = gst_util_uint64_scale_int(end - position, GST_SECOND, rate);
@@ -379,7 +378,7 @@ static gboolean start_run(GstOkuVad* self)
     GST_OBJECT_UNLOCK(self);
     if (raised)
         gst_element_post_message(GST_ELEMENT(self), gst_message_new_latency(GST_OBJECT(self)));
-    gst_oku_timeline_start(&self->timeline, rate);
+    gst_oku_timeline_start(&self->timeline);
     self->volume_posted = FALSE;
     self->in_speech = FALSE;
     self->next_pts = GST_CLOCK_TIME_NONE;
@@ -430,7 +429,7 @@ static GstFlowReturn analyse(GstOkuVad* self, GstBuffer* buf, const void* sample
     const guint channels = (guint)GST_AUDIO_INFO_CHANNELS(info), bpf = (guint)GST_AUDIO_INFO_BPF(info);
     const gboolean gate = self->run_mode == GST_OKU_VAD_MODE_GATE;
     const guint64 before = self->timeline.samples;
-    gst_oku_timeline_add(&self->timeline, buf, &GST_BASE_TRANSFORM(self)->segment);
+    gst_oku_timeline_add(&self->timeline, GST_AUDIO_FILTER(self), buf);
     if (samples && gate) {
         const gsize bytes = (gsize)frames * bpf;
         gst_adapter_push(self->held, bytes == gst_buffer_get_size(buf)
@@ -550,7 +549,7 @@ static gboolean gst_oku_vad_sink_event(GstBaseTransform* trans, GstEvent* event)
         /* Silence of the gap's length, so that positions keep counting the stream's frames. */
         GstClockTime pts, duration;
         gst_event_parse_gap(event, &pts, &duration);
-        const int rate = GST_AUDIO_INFO_RATE(GST_AUDIO_FILTER_INFO(self));
+        const int rate = GST_AUDIO_FILTER_RATE(self);
         if (rate > 0 && GST_CLOCK_TIME_IS_VALID(duration) && (self->vad || start_run(self))) {
             GstBuffer* stamp = gst_buffer_new();
             GST_BUFFER_PTS(stamp) = pts;
