@@ -197,7 +197,6 @@ export function instantiate(module) {
   const NONE = resultTypes.indexOf('none');
   const assessments = Object.freeze(names(w.oku_assessment_name).map(jsName));
   const controls = Object.freeze(names(w.oku_agc_control_name).map(jsName));
-  const SERVICES = { vad: 0, agc: 1 };
 
   // Samples per chunk of `ms` at `rate`, by the library's rounding rule.
   const chunkSamples = (rate, ms) => {
@@ -213,7 +212,7 @@ export function instantiate(module) {
     if (!params) return [];
     const p = newString(params);
     try {
-      const keys = w.okuweb_unknown_keys(SERVICES[service], p);
+      const keys = w.okuweb_unknown_keys(service === 'agc' ? 1 : 0, p);
       return keys ? cString(keys).split('\n').filter(Boolean) : [];
     } finally {
       w.free(p);

@@ -94,15 +94,17 @@ OKUWEB_API const char* okuweb_layout(void)
 }
 
 /*
- * The keys of `params` that no setting of `service` has, one per line, in
- * the library's order; "" when there are none. NULL when the string is
- * refused (oku_last_error() says why). Valid until the next call.
+ * The keys of `params` that no setting of the analyzer (gain_control 0) or
+ * of the gain control (1) has, one per line, in the library's order; "" when
+ * there are none. NULL when the string is refused (oku_last_error() says
+ * why). Valid until the next call.
  */
-OKUWEB_API const char* okuweb_unknown_keys(int service, const char* params)
+OKUWEB_API const char* okuweb_unknown_keys(int gain_control, const char* params)
 {
     static KeyList list;
     list.length = 0;
     list.text[0] = '\0';
+    const int service = gain_control ? OKU_SERVICE_AGC : OKU_SERVICE_VAD;
     if (oku_params_unknown(service, params, Take, &list, NULL) != OKU_OK)
         return NULL;
     return list.text;
