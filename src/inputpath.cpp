@@ -17,6 +17,10 @@
 #define OKU_INPUT_X86 1
 #include <immintrin.h>
 #endif
+#if defined(__wasm_simd128__)
+#define OKU_INPUT_WASM 1
+#include <wasm_simd128.h>
+#endif
 
 namespace oku {
 
@@ -171,8 +175,32 @@ __attribute__((target("avx2"))) void DotManyAvx2(const short* h, const short* x,
 }
 #endif
 
+#ifdef OKU_INPUT_WASM
+inline std::int64_t Sum4W(v128_t v)
+{
+    const v128_t s = wasm_i64x2_add(wasm_i64x2_extend_low_i32x4(v), wasm_i64x2_extend_high_i32x4(v));
+    return wasm_i64x2_extract_lane(s, 0) + wasm_i64x2_extract_lane(s, 1);
+}
+
+void DotManyWasm(const short* h, const short* x, std::size_t taps, std::size_t stride, std::size_t count,
+                 short* out, std::size_t outStride)
+{
+    for (std::size_t i = 0; i < count; ++i, x += stride, out += outStride) {
+        v128_t a0 = wasm_i32x4_splat(0), a1 = a0;
+        for (std::size_t t = 0; t < taps; t += 16) {
+            a0 = wasm_i32x4_add(a0, wasm_i32x4_dot_i16x8(wasm_v128_load(h + t), wasm_v128_load(x + t)));
+            a1 = wasm_i32x4_add(a1, wasm_i32x4_dot_i16x8(wasm_v128_load(h + t + 8), wasm_v128_load(x + t + 8)));
+        }
+        *out = FromQ15(Sum4W(wasm_i32x4_add(a0, a1)));
+    }
+}
+#endif
+
 DotManyFn ChooseDotMany()
 {
+#ifdef OKU_INPUT_WASM
+    return DotManyWasm;
+#endif
     switch (GetMeasureIsa()) {
     case MeasureIsa::Scalar:
         break;
@@ -317,6 +345,32 @@ std::uint64_t MixToMono(const float* in, std::size_t frames, int channels, short
         }
         if (!SumsToSamples(a, b, scale, out + i))
             nonFinite += MixScalar(in + i * c, 8, channels, out + i);
+    }
+#endif
+#ifdef OKU_INPUT_WASM
+    {
+        const v128_t scale = wasm_f32x4_splat(ChannelScale(channels));
+        const v128_t hi = wasm_f32x4_splat(32767.0f), lo = wasm_f32x4_splat(-32768.0f);
+        for (; i + 8 <= frames && (channels == 1 || channels == 2); i += 8) {
+            v128_t a, b;
+            if (channels == 1) {
+                a = wasm_v128_load(in + i);
+                b = wasm_v128_load(in + i + 4);
+            } else {
+                const v128_t f0 = wasm_v128_load(in + 2 * i), f1 = wasm_v128_load(in + 2 * i + 4);
+                const v128_t f2 = wasm_v128_load(in + 2 * i + 8), f3 = wasm_v128_load(in + 2 * i + 12);
+                a = wasm_f32x4_add(wasm_i32x4_shuffle(f0, f1, 0, 2, 4, 6), wasm_i32x4_shuffle(f0, f1, 1, 3, 5, 7));
+                b = wasm_f32x4_add(wasm_i32x4_shuffle(f2, f3, 0, 2, 4, 6), wasm_i32x4_shuffle(f2, f3, 1, 3, 5, 7));
+            }
+            const v128_t da = wasm_f32x4_sub(a, a), db = wasm_f32x4_sub(b, b);
+            if (wasm_v128_any_true(wasm_v128_or(wasm_f32x4_ne(da, da), wasm_f32x4_ne(db, db)))) {
+                nonFinite += MixScalar(in + i * c, 8, channels, out + i);
+                continue;
+            }
+            a = wasm_f32x4_nearest(wasm_f32x4_max(wasm_f32x4_min(wasm_f32x4_mul(a, scale), hi), lo));
+            b = wasm_f32x4_nearest(wasm_f32x4_max(wasm_f32x4_min(wasm_f32x4_mul(b, scale), hi), lo));
+            wasm_v128_store(out + i, wasm_i16x8_narrow_i32x4(wasm_i32x4_trunc_sat_f32x4(a), wasm_i32x4_trunc_sat_f32x4(b)));
+        }
     }
 #endif
     return nonFinite + MixScalar(in + i * c, frames - i, channels, out + i);
