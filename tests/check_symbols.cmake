@@ -8,8 +8,14 @@ if(WINDOWS)
     message(FATAL_ERROR "${OBJDUMP} -p failed on ${LIB}")
   endif()
   # The name pointer table: lines "\t[ n] name" after "[Ordinal/Name Pointer] Table".
+  # The table ends at the first blank line: later sections (the base relocations' "[hex] DIR64"
+  # lines among them) must not be read as names.
   string(REGEX MATCH "\\[Ordinal/Name Pointer\\] Table[^\n]*\n(.*)" table "${out}")
   set(table "${CMAKE_MATCH_1}")
+  string(FIND "${table}" "\n\n" end)
+  if(end GREATER -1)
+    string(SUBSTRING "${table}" 0 ${end} table)
+  endif()
   string(REGEX MATCHALL "\\[ *[0-9]+\\] [^\n]+" rows "${table}")
   set(names "")
   foreach(row ${rows})
