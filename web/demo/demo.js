@@ -13,7 +13,7 @@ function onVolume(v) {
   $('level').style.width = Math.max(0, 100 + (v.levelDbfs * 100) / 90.3).toFixed(1) + '%';
   $('dbfs').textContent = v.levelDbfs.toFixed(1);
   $('peak').textContent = v.peak;
-  $('assessment').textContent = { ok: 'OK', 'too-noisy': 'too noisy', 'too-soft': 'too soft', 'too-loud': 'too loud' }[v.assessment];
+  $('assessment').textContent = { ok: 'OK', too_noisy: 'too noisy', too_soft: 'too soft', too_loud: 'too loud' }[v.assessment];
   $('assessment').className = v.assessment === 'ok' ? '' : 'bad';
 }
 

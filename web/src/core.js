@@ -49,9 +49,6 @@ function utf8Decode(bytes) {
   return s;
 }
 
-// "speech_start" -> "speech-start": the library's names in the package's spelling.
-const jsName = (name) => name.replace(/_/g, '-');
-
 // Starts an instance of the library from a compiled WebAssembly.Module and
 // returns the package's interface to it.
 export function instantiate(module) {
@@ -193,10 +190,10 @@ export function instantiate(module) {
   const rates = list(w.oku_rates);
   const inputRates = list(w.oku_input_rates);
   const maxChannels = w.oku_max_channels();
-  const resultTypes = names(w.oku_vad_result_name).map(jsName);
+  const resultTypes = names(w.oku_vad_result_name);
   const NONE = resultTypes.indexOf('none');
-  const assessments = Object.freeze(names(w.oku_assessment_name).map(jsName));
-  const controls = Object.freeze(names(w.oku_agc_control_name).map(jsName));
+  const assessments = Object.freeze(names(w.oku_assessment_name));
+  const controls = Object.freeze(names(w.oku_agc_control_name));
 
   // Samples per chunk of `ms` at `rate`, by the library's rounding rule.
   const chunkSamples = (rate, ms) => {
@@ -352,7 +349,7 @@ export function instantiate(module) {
       out.snrPct = R.snr_pct(result);
       out.assessment = assessments[R.assessment(result)];
       out.speech = R.speech(result) !== 0;
-    } else if (out.type === 'speech-end') {
+    } else if (out.type === 'speech_end') {
       out.start = S.start(segment);
       out.startMs = S.start_ms(segment);
     }
@@ -415,7 +412,7 @@ export function instantiate(module) {
       check(w.oku_vad_flush(this._owned.get()));
       this._drain(results);
       return results
-        .filter((r) => r.type === 'speech-end')
+        .filter((r) => r.type === 'speech_end')
         .map((r) => ({ start: r.start, end: r.position, startMs: r.startMs, endMs: r.timeMs }));
     }
     get nonfinite() {

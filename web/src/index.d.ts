@@ -8,14 +8,14 @@
  */
 export type Samples = Int16Array | Float32Array | readonly Float32Array[];
 
-export type Assessment = 'ok' | 'too-noisy' | 'too-soft' | 'too-loud';
+export type Assessment = 'ok' | 'too_noisy' | 'too_soft' | 'too_loud';
 export type Control =
   | 'unchanged'
-  | 'pause-too-low'
-  | 'speech-too-low'
-  | 'speech-too-high'
-  | 'operating-limit'
-  | 'gain-estimate';
+  | 'pause_too_low'
+  | 'speech_too_low'
+  | 'speech_too_high'
+  | 'operating_limit'
+  | 'gain_estimate';
 
 interface Instant {
   /** Input frames (samples of one channel at the input rate) from the start of the run (creation, reset or flush); exact to 2^53. */
@@ -25,11 +25,11 @@ interface Instant {
 }
 
 export interface SpeechStart extends Instant {
-  type: 'speech-start';
+  type: 'speech_start';
 }
 
 export interface SpeechEnd extends Instant {
-  type: 'speech-end';
+  type: 'speech_end';
   /** The segment's start (its speech start's position and time). */
   start: number;
   startMs: number;

@@ -168,7 +168,7 @@ export class OkuNode {
       processorOptions.module = wasmBinary === undefined ? await wasmBytes() : bytesOf(wasmBinary);
       node = make();
     }
-    const handlers = { 'speech-start': onSpeechStart, 'speech-end': onSpeechEnd, volume: onVolume, gain: onGain };
+    const handlers = { speech_start: onSpeechStart, speech_end: onSpeechEnd, volume: onVolume, gain: onGain };
     let closing = null;
     let closed;
     const ready = new Promise((resolve, reject) => {

@@ -54,7 +54,7 @@ test('every form of the same samples gives the same results; a long input goes i
     return [...vad.process(samples), ...vad.flush()];
   };
   const want = run(undefined, mono);
-  const starts = want.filter((r) => r.type === 'speech-start').map((r) => r.position);
+  const starts = want.filter((r) => r.type === 'speech_start').map((r) => r.position);
   assert.deepEqual(starts, EXPECTED.map(([s]) => Math.round(s * 48000)));
   assert.deepEqual(run({ channels: 1 }, floats), want);
   assert.deepEqual(run({ channels: 2 }, stereo), want);

@@ -60,7 +60,7 @@ for (const name of ['plain', ...Object.keys(BUNDLERS)]) {
     }
     const got = await open(root, path);
     for (const rate of [48000, 44100]) {
-      assert.ok(want[rate].filter((m) => m.type === 'speech-end').length === 2 && want[rate].some((m) => m.type === 'gain'));
+      assert.ok(want[rate].filter((m) => m.type === 'speech_end').length === 2 && want[rate].some((m) => m.type === 'gain'));
       assert.deepEqual(got.messages[rate], want[rate], `${rate} Hz`);
     }
   });

@@ -26,7 +26,7 @@ function packageRun(samples, rate, channels, chunk) {
   const line = (r) =>
     lines.push([name(r.type), r.position, r.timeMs,
       ...(r.type === 'volume' ? [r.peak, r.levelDbfs, r.snrPct, name(r.assessment), Number(r.speech)] : []),
-      ...(r.type === 'speech-end' ? [r.start, r.startMs] : [])]);
+      ...(r.type === 'speech_end' ? [r.start, r.startMs] : [])]);
   for (let i = 0; i < samples.length; i += chunk) vad.process(samples.subarray(i, i + chunk)).forEach(line);
   vad.flush().forEach(line);
   let gain = 0.2;

@@ -22,7 +22,7 @@ test('speech starts after 2^31 and 2^32 input frames lie where the timing rules 
   const feed = (samples) => {
     vad.write(samples);
     at += samples.length;
-    while (vad.take(r)) if (r.type === 'speech-start') starts.push(r.position);
+    while (vad.take(r)) if (r.type === 'speech_start') starts.push(r.position);
   };
   for (const mark of [2 ** 31, 2 ** 32]) {
     while (at < mark) feed(silence);
@@ -58,7 +58,7 @@ test('the worklet posts the API\'s results in context frames, past 2^32', async 
     assert.deepEqual(out, quantum, 'the node passes its input through');
   }
   const want = nodeMessages(oku, planes, 48000, 2 ** 32 + 12345, 0.5);
-  assert.equal(want.filter((m) => m.type === 'speech-start').length, 2);
+  assert.equal(want.filter((m) => m.type === 'speech_start').length, 2);
   assert.ok(want.some((m) => m.type === 'gain'));
   assert.deepEqual(posted, want);
   p.port.onmessage({ data: { type: 'close' } });

@@ -11,7 +11,7 @@ const r: Partial<VadResult> = {};
 while (vad.take(r)) {
   const at: number = r.position;
   if (r.type === 'volume') use(at, r.assessment, r.levelDbfs);
-  if (r.type === 'speech-end') use(r.start, r.startMs);
+  if (r.type === 'speech_end') use(r.start, r.startMs);
 }
 use(results.length, vad.segments([new Float32Array(10), new Float32Array(10)]), vad.nonfinite);
 const agc = new oku.Agc(44100, 'LeastGain=0.1');
