@@ -25,11 +25,11 @@ find "$build" -name '*.gcda' -delete
 (cd "$build" && ctest -j "$jobs" -LE 'live|long' > ctest.log 2>&1) ||
   echo "coverage: some tests failed (see $build/ctest.log); the figures count what ran"
 
-percent() {  # gcovr's line percentage over the files under the given folders
+percent() {  # gcovr's line percentage over the files under the given folders (data of $build only)
   local args=()
   for folder in "$@"; do args+=(--filter "$PWD/$folder/"); done
-  gcovr --root . --object-directory "$build" "${args[@]}" --exclude '.*_test\.c(pp)?$' 2>/dev/null |
-    awk '/^TOTAL/ { print $NF }'
+  gcovr --root . "$build" --object-directory "$build" "${args[@]}" --exclude '.*_test\.c(pp)?$' 2>/dev/null |
+    awk '/^TOTAL/ { printf "%.1f%% (%d of %d lines)\n", 100 * $3 / $2, $3, $2 }'
 }
 library=$(percent src OKUVAD)
 command=$(percent tools/oku)
