@@ -14,7 +14,7 @@ cd "$(dirname "$0")/.."
 build="${1:-build-cov}"
 scripts/setup.sh gcovr python3-coverage
 jobs=${JOBS:-$(nproc)}
-flags="--coverage -O0"
+flags="--coverage -O0 -fprofile-update=atomic"  # atomic: the thread tests would race on the counters
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DOKU_ASSERTS=ON \
       -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS=--coverage \
       -DCMAKE_SHARED_LINKER_FLAGS=--coverage -DCMAKE_MODULE_LINKER_FLAGS=--coverage ${CMAKE_FLAGS:-} > /dev/null
