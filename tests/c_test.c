@@ -1,24 +1,27 @@
 /*
- * The facts of oku.h, from C, against the rules they implement: the rate list
- * and the nearest rate, the names, the volume round trip of the plain
- * gain-control functions (worked examples from the rules of OKUAGC_ComputeGain),
- * and settings tables whose defaults are the documented ones (written out here
- * from the README's tables, not taken from the library).
+ * The public headers as C, and the library used from C: both headers compile
+ * and link, the plain and the handle functions answer, and the facts for front
+ * ends follow the rules they implement: the rates and the nearest rate, the
+ * names, the volume round trip (worked examples from OKUAGC_ComputeGain's
+ * rules), chunk lengths, delays, and settings tables whose defaults are the
+ * documented ones (written out here from docs/settings.md, not taken from the
+ * library). The wording of refusals is api_test's; only statuses here.
  */
 #include <math.h>
 #include <stdio.h>
 #include <string.h>
 
 #include "oku.h"
+#include "okuvad.h"
 
 static int failures;
 
-#define CHECK(cond)                                                   \
-    do {                                                              \
-        if (!(cond)) {                                                \
+#define CHECK(cond)                                                            \
+    do {                                                                       \
+        if (!(cond)) {                                                         \
             fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond); \
-            failures++;                                               \
-        }                                                             \
+            failures++;                                                        \
+        }                                                                      \
     } while (0)
 
 struct documented {
@@ -71,7 +74,7 @@ static void check_table(int service, const struct documented* want, size_t n)
     }
 }
 
-static int entries;
+static int entries, lines;
 static char seen[64];
 static void on_entry(void* user, const char* key, const char* value)
 {
@@ -81,6 +84,12 @@ static void on_entry(void* user, const char* key, const char* value)
     strncat(seen, "=", sizeof seen - strlen(seen) - 1);
     strncat(seen, value, sizeof seen - strlen(seen) - 1);
     strncat(seen, ";", sizeof seen - strlen(seen) - 1);
+}
+
+static void on_line(void* user, const char* line)
+{
+    (void)user;
+    lines += line[0] != '\0';
 }
 
 static long round_trip(long volume, long bound)
@@ -94,10 +103,29 @@ static long round_trip(long volume, long bound)
 
 int main(void)
 {
-    size_t n = 0;
+    size_t n = 0, c = 0;
     const int* rates = oku_rates(&n);
-    double g = 7, v;
+    double g = 7, v, gain = 0.5;
     long vol = 7;
+    int result = 7, info = 7;
+    oku_vad* vad = NULL;
+    oku_agc* agc = NULL;
+    oku_vad_result r;
+    oku_agc_decision d;
+    int16_t chunk[320 * 6];
+
+    /* The plain functions and the handles from C. */
+    memset(chunk, 0, sizeof chunk);
+    CHECK(OKUVAD_GetResult(1, chunk, 2, &result, &v, &info) == -1 && result == 7); /* no analyzer yet */
+    CHECK(OKUVAD_Init(16000.0) == 0 && OKUVAD_GetResult(1, chunk, 2, &result, &v, &info) == 0);
+    CHECK(result == OKUVAD_RESULT_NONE && OKUVAD_Deinit() == 0 && OKUAGC_Init(0) == -4);
+    CHECK(oku_vad_create(16000.0, "", &vad) == OKU_OK && oku_vad_process(vad, chunk, 320) == OKU_OK);
+    CHECK(oku_vad_next(vad, &r) == OKU_OK && r.type == OKU_VAD_VOLUME && r.time_ms == 20.0);
+    CHECK(oku_vad_next(vad, &r) == OKU_OK && r.type == OKU_VAD_NONE && oku_vad_destroy(vad) == OKU_OK);
+    CHECK(oku_agc_create(16000, NULL, &agc) == OKU_OK && oku_agc_set_log(agc, on_line, NULL) == OKU_OK);
+    CHECK(oku_agc_process(agc, chunk, 320 * 6, gain, &gain) == OKU_OK && gain > 0.5 && lines == 1);
+    CHECK(oku_agc_info(agc, &d) == OKU_OK && d.control == OKU_AGC_PAUSE_TOO_LOW && d.updated);
+    CHECK(oku_agc_destroy(agc) == OKU_OK);
 
     /* Version and rates. */
     CHECK(strcmp(oku_version(), OKU_EXPECTED_VERSION) == 0);
@@ -110,13 +138,17 @@ int main(void)
     CHECK(oku_nearest_rate(19025) == 22050 && oku_nearest_rate(9512.5) == 11025 && oku_nearest_rate(9512) == 8000);
     CHECK(oku_nearest_rate(0) == 0 && oku_nearest_rate(-8000) == 0 && oku_nearest_rate(NAN) == 0 &&
           oku_nearest_rate(INFINITY) == 0);
+    CHECK(oku_max_channels() == OKU_MAX_CHANNELS);
 
-    /* Names. */
+    /* Names: one for every value below each count, none at it. */
     CHECK(strcmp(oku_vad_result_name(OKU_VAD_SPEECH_START), "speech_start") == 0);
     CHECK(strcmp(oku_vad_result_name(OKU_VAD_FRAME), "frame") == 0 && oku_vad_result_name(5) == NULL);
     CHECK(strcmp(oku_assessment_name(OKU_VOLUME_TOO_SOFT), "too_soft") == 0 && oku_assessment_name(-1) == NULL);
     CHECK(strcmp(oku_agc_control_name(OKU_AGC_GAIN_ESTIMATE), "gain_estimate") == 0);
     CHECK(strcmp(oku_agc_control_name(OKU_AGC_PAUSE_TOO_LOW), "pause_too_low") == 0 && oku_agc_control_name(6) == NULL);
+    CHECK(oku_vad_result_name(OKU_VAD_RESULT_TYPE_COUNT - 1) && !oku_vad_result_name(OKU_VAD_RESULT_TYPE_COUNT));
+    CHECK(oku_assessment_name(OKU_ASSESSMENT_COUNT - 1) && !oku_assessment_name(OKU_ASSESSMENT_COUNT));
+    CHECK(oku_agc_control_name(OKU_AGC_CONTROL_COUNT - 1) && !oku_agc_control_name(OKU_AGC_CONTROL_COUNT));
 
     /* Volumes: gain 0.5 of 65535 is 32767 (32767.5 truncated); 0.999 of 100 is 99 (99.9 truncated). */
     CHECK(oku_volume_from_gain(0.5, 65535, &vol) == OKU_OK && vol == 32767);
@@ -135,40 +167,29 @@ int main(void)
     vol = 7;
     CHECK(oku_gain_from_volume(-1, 100, &g) == OKU_ERR_ARGUMENT && oku_gain_from_volume(101, 100, &g) == OKU_ERR_ARGUMENT);
     CHECK(oku_gain_from_volume(0, 0, &g) == OKU_ERR_ARGUMENT && g == 7 && oku_gain_from_volume(1, 2, NULL) == OKU_ERR_NULL);
-    CHECK(oku_volume_from_gain(1.5, 100, &vol) == OKU_ERR_ARGUMENT && oku_volume_from_gain(NAN, 100, &vol) == OKU_ERR_ARGUMENT);
+    CHECK(oku_volume_from_gain(NAN, 100, &vol) == OKU_ERR_ARGUMENT);
     CHECK(oku_volume_from_gain(0.5, -1, &vol) == OKU_ERR_ARGUMENT && vol == 7);
 
-    /* Settings. */
+    /* Settings, and parameter strings as the services read them. */
     check_table(OKU_SERVICE_VAD, vad_defaults, sizeof vad_defaults / sizeof vad_defaults[0]);
     check_table(OKU_SERVICE_AGC, agc_defaults, sizeof agc_defaults / sizeof agc_defaults[0]);
     CHECK(oku_settings(7, &n) == NULL && n == 0);
     CHECK(strcmp(oku_settings(OKU_SERVICE_VAD, NULL)[2].name, "eos-timeout-ms") == 0);
     CHECK(oku_setting_value(OKU_SERVICE_VAD, "EOSTimeoutMs=1.5e3;x=y", "EOSTimeoutMs", &v) == OKU_OK && v == 1);
     CHECK(oku_setting_value(OKU_SERVICE_AGC, "LeastGain=0.1", "LeastGain", &v) == OKU_OK && v == (double)0.1f);
-    CHECK(oku_setting_value(OKU_SERVICE_VAD, "TooSoftSNR=abc", "TooSoftSNR", &v) == OKU_ERR_PARAMS);
-    CHECK(strcmp(oku_last_error(), "TooSoftSNR: 'abc' is not a number in range") == 0);
     CHECK(oku_setting_value(OKU_SERVICE_VAD, "", "LeastGain", &v) == OKU_ERR_ARGUMENT);
     CHECK(oku_setting_value(OKU_SERVICE_VAD, "a", "EOSTimeoutMs", &v) == OKU_ERR_PARAMS);
     CHECK(oku_setting_value(2, "", "EOSTimeoutMs", &v) == OKU_ERR_ARGUMENT);
     CHECK(oku_setting_value(OKU_SERVICE_VAD, "", NULL, &v) == OKU_ERR_NULL);
-
     CHECK(oku_params_check(OKU_SERVICE_VAD, NULL) == OKU_OK && oku_params_check(OKU_SERVICE_AGC, "") == OKU_OK);
     CHECK(oku_params_check(OKU_SERVICE_VAD, "Unknown=1;EOSTimeoutMs=600") == OKU_OK);
-    CHECK(oku_params_check(OKU_SERVICE_VAD, "EOSTimeoutMs=soon") == OKU_ERR_PARAMS);
-    CHECK(strcmp(oku_last_error(), "EOSTimeoutMs: 'soon' is not a whole number in the range of int") == 0);
-    CHECK(oku_params_check(OKU_SERVICE_AGC, "EOSTimeoutMs=soon") == OKU_OK); /* not an AGC setting */
-    CHECK(oku_params_check(OKU_SERVICE_AGC, "LeastGain=0") == OKU_ERR_PARAMS);
-    CHECK(strcmp(oku_last_error(), "LeastGain must lie in (0, 1]") == 0);
-    CHECK(oku_params_check(OKU_SERVICE_VAD, "a=1=2") == OKU_ERR_PARAMS);
-    CHECK(strncmp(oku_last_error(), "Invalid format", 14) == 0);
+    CHECK(oku_params_check(OKU_SERVICE_AGC, "EOSTimeoutMs=soon") == OKU_OK); /* not a gain-control setting */
     CHECK(oku_params_check(3, "") == OKU_ERR_ARGUMENT);
-
-    /* Entries as the services see them: empty entries dropped, first occurrence kept, keys in byte order. */
+    /* Entries: empty ones dropped, the first occurrence kept, keys in byte order. */
     CHECK(oku_params_entries(";;b=2;a=1;b=3;", on_entry, NULL) == OKU_OK && entries == 2);
     CHECK(strcmp(seen, "a=1;b=2;") == 0);
     CHECK(oku_params_entries("a", on_entry, NULL) == OKU_ERR_PARAMS && entries == 2);
     CHECK(oku_params_entries("", NULL, NULL) == OKU_ERR_NULL);
-
     /* Keys a service does not have: both services' keys together, a misspelling. */
     entries = 0;
     seen[0] = 0;
@@ -181,32 +202,24 @@ int main(void)
     CHECK(oku_params_unknown(OKU_SERVICE_AGC, "x=1=2", on_entry, NULL, &n) == OKU_ERR_PARAMS && entries == 2 && n == 0);
     CHECK(oku_params_unknown(2, "", NULL, NULL, NULL) == OKU_ERR_ARGUMENT);
 
-    /* Chunk lengths: nearest sample, halves up. 0.3125 ms at 8000 Hz is 2.5 samples;
+    /* Chunk lengths: the nearest sample, halves up. 0.3125 ms at 8000 Hz is 2.5 samples;
      * 20 ms is 441 samples at 22050 Hz and 882 at 44100; 0.0625 ms at 8000 Hz is half a sample. */
-    {
-        size_t c = 0;
-        CHECK(oku_chunk_samples(8000, 0.3125, &c) == OKU_OK && c == 3);
-        CHECK(oku_chunk_samples(8000, 0.3, &c) == OKU_OK && c == 2);
-        CHECK(oku_chunk_samples(22050, 20, &c) == OKU_OK && c == 441);
-        CHECK(oku_chunk_samples(44100, 20, &c) == OKU_OK && c == 882);
-        CHECK(oku_chunk_samples(8000, 0.0625, &c) == OKU_OK && c == 1);
-        CHECK(oku_chunk_samples(11025, 10, &c) == OKU_OK && c == 110); /* 110.25 */
-        c = 7;
-        CHECK(oku_chunk_samples(8000, 0.06, &c) == OKU_ERR_ARGUMENT && c == 7); /* 0.48 of a sample */
-        CHECK(oku_chunk_samples(8000, 0, &c) == OKU_ERR_ARGUMENT && oku_chunk_samples(8000, -20, &c) == OKU_ERR_ARGUMENT);
-        CHECK(oku_chunk_samples(0, 20, &c) == OKU_ERR_ARGUMENT && oku_chunk_samples(NAN, 20, &c) == OKU_ERR_ARGUMENT);
-        CHECK(oku_chunk_samples(8000, INFINITY, &c) == OKU_ERR_ARGUMENT && oku_chunk_samples(8000, 1e300, &c) == OKU_ERR_ARGUMENT);
-        CHECK(oku_chunk_samples(8000, 20, NULL) == OKU_ERR_NULL && c == 7);
-    }
-
-    /* The enumerations' counts: a name for every value below the count, none at it. */
-    CHECK(oku_vad_result_name(OKU_VAD_RESULT_TYPE_COUNT - 1) && !oku_vad_result_name(OKU_VAD_RESULT_TYPE_COUNT));
-    CHECK(oku_assessment_name(OKU_ASSESSMENT_COUNT - 1) && !oku_assessment_name(OKU_ASSESSMENT_COUNT));
-    CHECK(oku_agc_control_name(OKU_AGC_CONTROL_COUNT - 1) && !oku_agc_control_name(OKU_AGC_CONTROL_COUNT));
+    CHECK(oku_chunk_samples(8000, 0.3125, &c) == OKU_OK && c == 3);
+    CHECK(oku_chunk_samples(8000, 0.3, &c) == OKU_OK && c == 2);
+    CHECK(oku_chunk_samples(22050, 20, &c) == OKU_OK && c == 441);
+    CHECK(oku_chunk_samples(44100, 20, &c) == OKU_OK && c == 882);
+    CHECK(oku_chunk_samples(8000, 0.0625, &c) == OKU_OK && c == 1);
+    CHECK(oku_chunk_samples(11025, 10, &c) == OKU_OK && c == 110); /* 110.25 */
+    c = 7;
+    CHECK(oku_chunk_samples(8000, 0.06, &c) == OKU_ERR_ARGUMENT && c == 7); /* 0.48 of a sample */
+    CHECK(oku_chunk_samples(8000, 0, &c) == OKU_ERR_ARGUMENT && oku_chunk_samples(8000, -20, &c) == OKU_ERR_ARGUMENT);
+    CHECK(oku_chunk_samples(0, 20, &c) == OKU_ERR_ARGUMENT && oku_chunk_samples(NAN, 20, &c) == OKU_ERR_ARGUMENT);
+    CHECK(oku_chunk_samples(8000, INFINITY, &c) == OKU_ERR_ARGUMENT && oku_chunk_samples(8000, 1e300, &c) == OKU_ERR_ARGUMENT);
+    CHECK(oku_chunk_samples(8000, 20, NULL) == OKU_ERR_NULL && c == 7);
 
     /* Delay: the longest of the histogram's minimum window, the speech window
      * plus two frames and a third of the end-of-speech timeout plus two, in frames. */
-    CHECK(oku_vad_delay(16000, NULL, &v) == OKU_OK && v == 800.0);               /* max(40, 10 + 2, 21 / 3 + 2) */
+    CHECK(oku_vad_delay(16000, NULL, &v) == OKU_OK && v == 800.0); /* max(40, 10 + 2, 21 / 3 + 2) */
     CHECK(oku_vad_delay(11025, "", &v) == OKU_OK && fabs(v - 40 * 220 / 11.025) < 1e-9);
     CHECK(oku_vad_delay(8000, "HistogramMinWindowSizeMs=100;SpeechWindowSizeMs=400", &v) == OKU_OK && v == 440.0);
     CHECK(oku_vad_delay(8000, "HistogramMinWindowSizeMs=100;EOSTimeoutMs=3000", &v) == OKU_OK && v == 1040.0);
