@@ -138,29 +138,14 @@ TEST(Parameters, GrammarAndReading)
 
 // ---- high-pass filter ---------------------------------------------------------------------
 
-TEST(HighpassFilter, ResponseAndRoundingFollowTheCoefficientTable)
+TEST(HighpassFilter, RoundsHalvesUpAndSaturates)
 {
-    // A step of 10000: first b1 x 10000, settling at the DC residue of the
-    // four-decimal coefficients (b1 + b2 + b1) / (1 + a2 + a3) x 10000:
-    // 0.0002 / 0.0118, 0.0001 / 0.0064, 0.0001 / 0.0030 and 0.
-    const short first[] = {8399, 8539, 8655, 8725}, residue[] = {169, 156, 333, 0};
-    for (int i = 0; i < 4; ++i) {
-        oku::HighpassFilter f(kRates[i]);
-        std::vector<short> x(200000, 10000);
-        f.Filter(x.begin(), x.begin() + 333);  // two calls filter one signal
-        f.Filter(x.begin() + 333, x.end());
-        EXPECT_EQ(first[i], x[0]) << kRates[i];
-        EXPECT_EQ(residue[i], x.back()) << kRates[i];
-    }
-    // Halves round up; the output saturates at 16 bits.
-    const double in[] = {2.5197, -0.5, -0.6, 2.5, -2.5, 32767.0, -32768.0, 40000.0, -40000.7};
-    const short out[] = {3, 0, -1, 3, -2, 32767, -32768, 32767, -32768};
-    for (int i = 0; i < 9; ++i)
-        EXPECT_EQ(out[i], oku::HighpassFilter::RoundToSample(in[i])) << in[i];
     for (double x = -32770.0; x <= 32770.0; x += 0.123)
         ASSERT_EQ(static_cast<short>(std::floor(std::min(32767.0, std::max(-32768.0, x)) + 0.5)),
                   oku::HighpassFilter::RoundToSample(x))
             << x;
+    EXPECT_EQ(0, oku::HighpassFilter::RoundToSample(-0.5));
+    EXPECT_EQ(-2, oku::HighpassFilter::RoundToSample(-2.5));
 }
 
 // The argument for zeroing a negligible state rests on one inequality: the
@@ -429,33 +414,6 @@ TEST(Analyzer, EndFollowsTheTimeoutInFrames)
         EXPECT_EQ(AnalyzerEvent::AboveVOR, d.events[0]->GetTag());
         EXPECT_EQ(20.0, d.events[0]->GetTimeMs());
     }
-}
-
-TEST(Analyzer, FramesWaitForWholeFramesAndTheFullRing)
-{
-    AudioAnalyzer a("", 16000.0, true);
-    a.Process(AudioData());
-    a.Process(AudioData(319, 100));
-    EXPECT_TRUE(Drain(a).all.empty());
-    a.Process(AudioData(481, 100));  // 800 held: two frames, 160 wait
-    Drained d = Drain(a);
-    ASSERT_EQ(1u, d.meters.size());
-    EXPECT_EQ(40.0, d.meters[0]->GetTimeMs());
-    AudioAnalyzer slow("", 11025.0, true);
-    slow.Process(AudioData(441, 100));
-    EXPECT_EQ(2 * (220 / 11025.0 * 1000), Drain(slow).meters.at(0)->GetTimeMs());
-    // Silence under the histogram's floor: nothing is decided until the 200-frame ring is full,
-    // then frames 0 to 198 at once, emitted up to the speech window before the last (188).
-    AudioAnalyzer quiet("", 16000.0, true);
-    d = Feed(quiet, AudioData(199 * 320, 0));
-    EXPECT_EQ(199u, d.meters.size());
-    EXPECT_TRUE(d.frames.empty());
-    quiet.Process(AudioData(320, 0));
-    d = Drain(quiet);
-    ASSERT_EQ(189u, d.frames.size());
-    EXPECT_EQ(188, d.frames.back()->GetFrameIndex());
-    EXPECT_TRUE(d.events.empty());
-    EXPECT_EQ(d.meters.at(0), d.all.back());  // the reading follows the chunk's frames
 }
 
 TEST(Analyzer, FlushEndsTheRunAndTheNextStartsAtZero)
