@@ -3,7 +3,6 @@
 Run by ctest with OKU_LIBRARY (the built libOKUVAD) and OKU_COMMAND (the built
 oku command, or empty when it is not built) in the environment.
 """
-import json
 import os
 import re
 import shlex
@@ -15,7 +14,6 @@ import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 sys.path.insert(0, os.path.join(ROOT, "scripts"))
-sys.path.insert(0, os.path.join(ROOT, "bench"))
 sys.path.insert(0, os.path.join(ROOT, "python"))
 
 
@@ -96,10 +94,6 @@ class Links(unittest.TestCase):
                         if anchor not in anchors(f.read()):
                             broken.append("%s: %s (no such heading)" % (page, target))
         self.assertEqual(broken, [])
-
-    def test_slugs(self):
-        self.assertEqual(slug("Choices this library makes"), "choices-this-library-makes")
-        self.assertEqual(slug("The seven plain functions (`okuvad.h`)"), "the-seven-plain-functions-okuvadh")
 
 
 class ManPage(unittest.TestCase):
@@ -232,43 +226,6 @@ int main(int argc, char** argv)
         for start, end, (first, last) in zip(starts, ends, ((16000, 62822), (86822, 122855))):
             self.assertTrue(first - 16000 * 0.5 < start <= first, (start, first))
             self.assertTrue(last < end < last + 16000 * 1.0, (end, last))
-
-
-class PerformanceReport(unittest.TestCase):
-    def test_report_writes_the_page_from_a_run(self):
-        import report
-
-        def case(name, items_per_second):
-            return {"name": name, "run_name": name, "run_type": "iteration", "items_per_second": items_per_second}
-
-        # Kernel at 4 ns per sample; two repetitions of the analyzer, of
-        # which the faster (2 ns) counts: 0.50 of the kernel.
-        results = {"context": {"num_cpus": 2, "mhz_per_cpu": 3000, "load_avg": [0.5]},
-                   "benchmarks": [case("kernel/speech_noise/16000", 2.5e8),
-                                  case("vad_handle/speech_noise/16000/20ms", 4e8),
-                                  case("vad_handle/speech_noise/16000/20ms", 5e8),
-                                  case("many/16000/16", 1e9)]}
-        with tempfile.TemporaryDirectory() as tmp:
-            path, out, latency = (os.path.join(tmp, n) for n in ("results.json", "performance.md", "latency.md"))
-            with open(path, "w") as f:
-                json.dump(results, f)
-            with open(latency, "w") as f:
-                f.write("| case | rate | median us |\n|---|---:|---:|\n| oku_vad_process | 16000 | 7.25 |\n")
-            with open(os.devnull, "w") as null:
-                stdout, sys.stdout = sys.stdout, null
-                try:
-                    status = report.main(path, out, latency)
-                finally:
-                    sys.stdout = stdout
-            with open(out, encoding="utf-8") as f:
-                page = f.read()
-        self.assertEqual(status, 1, "goals that were not measured must fail the run")
-        self.assertNotRegex(page, r"@[A-Z]+@")
-        self.assertIn("| speech_noise | 16000 | 4.00 | 0.50, - |", page)
-        self.assertIn("| many | 16000 | 16 |  | 1.00 | 0.25 |", page)
-        self.assertIn("| oku_vad_process | 16000 | 7.25 |", page)
-        self.assertIn("2 CPUs at 3000 MHz", page)
-        self.assertIn("not measured", page)
 
 
 if __name__ == "__main__":
