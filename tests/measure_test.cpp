@@ -7,7 +7,7 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
+#include <numeric>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -25,7 +25,8 @@ using oku::MeasureIsa;
 
 const double kRates[] = {8000.0, 11025.0, 16000.0, 22050.0};
 
-// Every way MeasureRuns can run on this processor.
+// Every way MeasureRuns can run on this processor, each set in turn for the
+// life of a Way (the way in force before comes back after).
 std::vector<MeasureIsa> Ways()
 {
     std::vector<MeasureIsa> ways;
@@ -37,21 +38,15 @@ std::vector<MeasureIsa> Ways()
     return ways;
 }
 
-// Sets a way for the life of the object.
-class Way {
-public:
-    explicit Way(MeasureIsa isa) : _before(oku::GetMeasureIsa()) { EXPECT_TRUE(oku::SetMeasureIsa(isa)); }
-    ~Way() { oku::SetMeasureIsa(_before); }
-
-private:
-    MeasureIsa _before;
+struct Way {
+    const MeasureIsa before = oku::GetMeasureIsa();
+    const char* name;
+    explicit Way(MeasureIsa isa) : name(isa == MeasureIsa::Scalar ? "scalar" : isa == MeasureIsa::Lanes2 ? "lanes2" : "avx2")
+    {
+        EXPECT_TRUE(oku::SetMeasureIsa(isa));
+    }
+    ~Way() { oku::SetMeasureIsa(before); }
 };
-
-std::string Name(MeasureIsa isa)
-{
-    static const char* const names[] = {"scalar", "lanes2", "avx2"};
-    return names[static_cast<int>(isa)];
-}
 
 // Audio that exercises every path of the rounding: noise of a random level
 // (silent to clipping), runs of exact zeros, lone samples of +-1 and the
@@ -76,33 +71,22 @@ std::vector<short> Audio(std::mt19937& rng, std::size_t n)
     return x;
 }
 
-std::string D(double x)
-{
-    char buf[40];
-    std::snprintf(buf, sizeof buf, "%.17g", x);
-    return buf;
-}
-
-// Everything an analyzer has queued, as text.
+// Everything an analyzer has queued, as text with every digit of its numbers.
 std::string Drain(oku::AudioAnalyzer& a)
 {
     std::ostringstream os;
+    os.precision(17);
     oku::AnalyzerResultPtr r;
     while (a.GetResult(r)) {
-        if (r->GetType() == oku::AnalyzerResult::RT_Event) {
-            const auto& e = static_cast<const oku::AnalyzerEvent&>(*r);
-            os << "event " << e.GetTag() << " " << D(e.GetTimeMs()) << "\n";
-        } else if (r->GetType() == oku::AnalyzerResult::RT_VolumeMeter) {
-            const auto& m = static_cast<const oku::AnalyzerVolumeMeter&>(*r);
-            os << "meter " << D(m.GetTimeMs()) << " " << m.GetInfo() << " " << D(m.GetVolume()) << " "
-               << D(m.GetVolumedBFS()) << " " << D(m.GetSNRVolumePct()) << " " << m.IsSpeechState() << "\n";
+        if (auto e = std::dynamic_pointer_cast<oku::AnalyzerEvent>(r)) {
+            os << "event " << e->GetTag() << " " << e->GetTimeMs() << "\n";
+        } else if (auto m = std::dynamic_pointer_cast<oku::AnalyzerVolumeMeter>(r)) {
+            os << "meter " << m->GetTimeMs() << " " << m->GetInfo() << " " << m->GetVolume() << " " << m->GetVolumedBFS()
+               << " " << m->GetSNRVolumePct() << " " << m->IsSpeechState() << "\n";
         } else {
             const auto& f = static_cast<const oku::AnalyzerAudioFrame&>(*r);
-            long long sum = 0;
-            for (short s : f.GetData())
-                sum += s;
-            os << "frame " << f.GetFrameIndex() << " " << f.IsSpeechSegmentFrame() << " " << f.GetData().size() << " "
-               << sum << "\n";
+            os << "frame " << f.GetFrameIndex() << " " << f.IsSpeechSegmentFrame() << " "
+               << std::accumulate(f.GetData().begin(), f.GetData().end(), 0LL) << "/" << f.GetData().size() << "\n";
         }
     }
     return os.str();
@@ -150,10 +134,10 @@ TEST(MeasureRuns, EveryWayGivesEachFiltersOwnMeasurements)
                 runs[i].filter = &mine[i];
             oku::MeasureRuns(runs.data(), n);
             for (std::size_t i = 0; i < n; ++i) {
-                ASSERT_EQ(expected[i], sums[i]) << Name(isa) << " trial " << trial << " run " << i;
-                ASSERT_EQ(expectedPeaks[i], peaks[i]) << Name(isa) << " trial " << trial << " run " << i;
-                ASSERT_EQ(theirs[i].GetZ1(), mine[i].GetZ1()) << Name(isa) << " trial " << trial << " run " << i;
-                ASSERT_EQ(theirs[i].GetZ2(), mine[i].GetZ2()) << Name(isa) << " trial " << trial << " run " << i;
+                ASSERT_EQ(expected[i], sums[i]) << way.name << " trial " << trial << " run " << i;
+                ASSERT_EQ(expectedPeaks[i], peaks[i]) << way.name << " trial " << trial << " run " << i;
+                ASSERT_EQ(theirs[i].GetZ1(), mine[i].GetZ1()) << way.name << " trial " << trial << " run " << i;
+                ASSERT_EQ(theirs[i].GetZ2(), mine[i].GetZ2()) << way.name << " trial " << trial << " run " << i;
             }
         }
     }
@@ -199,7 +183,7 @@ TEST(ProcessMany, AnalyzersGiveTheResultsOfTheirOwnProcessCalls)
                     many[i]->Flush();
                     one[i]->Flush();
                 }
-                ASSERT_EQ(Drain(*one[i]), Drain(*many[i])) << Name(isa) << " call " << call << " analyzer " << i;
+                ASSERT_EQ(Drain(*one[i]), Drain(*many[i])) << way.name << " call " << call << " analyzer " << i;
             }
         }
     }
@@ -250,7 +234,7 @@ TEST(ComputeGainMany, GainControlsDecideAsTheirOwnCalls)
             }
             oku::AGC::ComputeGainMany(handles.data(), samples.data(), counts.data(), in.data(), out.data(), n);
             for (std::size_t i = 0; i < n; ++i) {
-                ASSERT_EQ(expected[i], out[i]) << Name(isa) << " call " << call << " gain control " << i;
+                ASSERT_EQ(expected[i], out[i]) << way.name << " call " << call << " gain control " << i;
                 oku::AGC::ControlInfo a, b;
                 one[i]->GetInfo(a);
                 many[i]->GetInfo(b);
@@ -262,7 +246,7 @@ TEST(ComputeGainMany, GainControlsDecideAsTheirOwnCalls)
             }
         }
         for (std::size_t i = 0; i < n; ++i) {
-            EXPECT_EQ(oneLog[i]->str(), manyLog[i]->str()) << Name(isa) << " gain control " << i;
+            EXPECT_EQ(oneLog[i]->str(), manyLog[i]->str()) << way.name << " gain control " << i;
             EXPECT_GT(one[i]->GetNumUpdates(), 10) << "the audio must make the gain controls decide";
         }
     }
