@@ -153,11 +153,15 @@ TEST(Plain, AnalyzerFunctionsKeepTheirConventions)
     value = 9.0;
     EXPECT_EQ(0, call(0, nullptr, 0));
     EXPECT_TRUE(result == 0 && value == 9.0);
-    // Init again starts afresh at the new rate: the old queue is gone.
+    // Init again starts afresh at the new rate: the old queue is gone, and
+    // positions count at 16 kHz (in a chunk of over 2^16 samples, whose memory is given back).
     ASSERT_EQ(0, call(1, burst.data(), static_cast<unsigned>(burst.size() * 2)));
     ASSERT_EQ(0, OKUVAD_Init(16000.0));
     EXPECT_EQ(0, call(0, nullptr, 0));
     EXPECT_EQ(0, result);
+    const oku::AudioData wide = Burst(16000.0);
+    ASSERT_EQ(0, call(1, wide.data(), static_cast<unsigned>(wide.size() * 2)));
+    EXPECT_TRUE(result == 1 && value == 93 * 320.0);
     EXPECT_EQ(0, OKUVAD_Deinit());
 }
 
