@@ -229,6 +229,7 @@ int main(void)
     CHECK(oku_struct_size("oku_vad_result") == sizeof(oku_vad_result));
     CHECK(oku_struct_size("oku_agc_decision") == sizeof(oku_agc_decision));
     CHECK(oku_struct_size("oku_setting") == sizeof(oku_setting) && oku_struct_size("x") == 0);
+    CHECK(oku_struct_size("oku_vad_segment") == sizeof(oku_vad_segment));
 
     if (failures)
         fprintf(stderr, "%d checks failed\n", failures);
