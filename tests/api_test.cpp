@@ -257,7 +257,7 @@ TEST(Handles, PositionsAndDelaysFollowTheFrameRulesAtEveryRate)
                 oku_vad_segment s;
                 while (oku_vad_take(vad, &r, &s) == OKU_OK && r.type != OKU_VAD_NONE) {
                     readings += r.type == OKU_VAD_VOLUME;
-                    EXPECT_TRUE(r.type != OKU_VAD_VOLUME || r.time_ms == static_cast<double>(readings) * frameMs);
+                    EXPECT_NEAR(r.type == OKU_VAD_VOLUME ? static_cast<double>(readings) * frameMs : r.time_ms, r.time_ms, 1e-9);
                     if (r.type == OKU_VAD_SPEECH_START || r.type == OKU_VAD_SPEECH_END)
                         events.push_back(r);
                     segment = r.type == OKU_VAD_SPEECH_END ? s : segment;
@@ -272,7 +272,7 @@ TEST(Handles, PositionsAndDelaysFollowTheFrameRulesAtEveryRate)
             ASSERT_EQ(2u, events.size());
             EXPECT_TRUE(events[0].type == OKU_VAD_SPEECH_START && events[0].position == 93 * spf);
             EXPECT_TRUE(events[1].type == OKU_VAD_SPEECH_END && events[1].position == 164 * spf);
-            EXPECT_EQ(164 * frameMs, events[1].time_ms);
+            EXPECT_NEAR(164 * frameMs, events[1].time_ms, 1e-9);
             EXPECT_TRUE(segment.start == 93 * spf && segment.end == 164 * spf && segment.start_ms == events[0].time_ms);
             EXPECT_EQ(210, readings);
             EXPECT_EQ(flags ? 199 : 0, frames);
@@ -287,7 +287,8 @@ TEST(Handles, PositionsAndDelaysFollowTheFrameRulesAtEveryRate)
             ASSERT_EQ(OKU_OK, oku_vad_results(vad, r, 256, &n));
             ASSERT_EQ(OKU_OK, oku_vad_process(vad, more.data(), more.size()));
             ASSERT_EQ(OKU_OK, oku_vad_next(vad, r));
-            EXPECT_TRUE(r[0].type == OKU_VAD_VOLUME && r[0].time_ms == 3 * frameMs);
+            EXPECT_EQ(OKU_VAD_VOLUME, r[0].type);
+            EXPECT_NEAR(3 * frameMs, r[0].time_ms, 1e-9);
             oku_vad_destroy(vad);
         }
     }
