@@ -2,7 +2,8 @@
 # Writes the recordings the input-path quality test reads: the shipped
 # recording and two espeak-ng voices in noise, each converted by sox to
 # 44.1 and 48 kHz, mono and stereo (the right channel at half the left's
-# level), float and 16-bit (no dither, so that the files are the same on every run).
+# level), float and 16-bit (no dither, and sox in its repeatable mode, -R, whose
+# noise is the same on every run: the files are the same on every run).
 # Usage: tests/make_speech_variants.sh DATA_DIR OUT_DIR
 set -euo pipefail
 data="$1"
@@ -21,11 +22,11 @@ for v in a b; do
   seconds=$(soxi -D "$tmp/$v.wav")
   rate=$(soxi -r "$tmp/$v.wav")
   # Half a second of silence before and after the speech.
-  sox -D "$tmp/$v.wav" "$tmp/$v-padded.wav" pad 0.5 0.5
+  sox -R -D "$tmp/$v.wav" "$tmp/$v-padded.wav" pad 0.5 0.5
   total=$(awk -v s="$seconds" 'BEGIN { print s + 1 }')
   if [ "$v" = a ]; then noise="pinknoise vol 0.02"; else noise="whitenoise vol 0.03"; fi
-  sox -D -n -r "$rate" -c 1 -b 16 "$tmp/$v-noise.wav" synth "$total" $noise
-  sox -D -m "$tmp/$v-padded.wav" "$tmp/$v-noise.wav" "$tmp/$v-noisy.wav"
+  sox -R -D -n -r "$rate" -c 1 -b 16 "$tmp/$v-noise.wav" synth "$total" $noise
+  sox -R -D -m "$tmp/$v-padded.wav" "$tmp/$v-noise.wav" "$tmp/$v-noisy.wav"
 done
 
 for source in shipped a-noisy b-noisy; do
@@ -34,8 +35,8 @@ for source in shipped a-noisy b-noisy; do
       # Stereo: the right channel at half the left's level.
       remix=()
       [ "$channels" = 2 ] && remix=(remix 1 1v0.5)
-      sox -D "$tmp/$source.wav" -r "$rate" -b 16 "$out/$source-$rate-$channels-s16.wav" "${remix[@]}"
-      sox -D "$tmp/$source.wav" -r "$rate" -e floating-point -b 32 "$out/$source-$rate-$channels-f32.wav" "${remix[@]}"
+      sox -R -D "$tmp/$source.wav" -r "$rate" -b 16 "$out/$source-$rate-$channels-s16.wav" "${remix[@]}"
+      sox -R -D "$tmp/$source.wav" -r "$rate" -e floating-point -b 32 "$out/$source-$rate-$channels-f32.wav" "${remix[@]}"
     done
   done
 done
