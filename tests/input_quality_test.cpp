@@ -3,10 +3,13 @@
 // stereo, float and 16-bit) is analysed twice, through the library's own
 // conversion, and mixed to mono and converted by libsoxr to the analysis
 // rate before the analyzer takes it at that rate. Segments must agree within
-// a frame, and meter levels within 0.15 dB beyond one quantisation step of
-// the peak. (The levels differ most on noise that fills the band up to the
-// analysis rate's Nyquist frequency: libsoxr's transition band, 7.3 to 8 kHz
-// at 16 kHz, is steeper than the library's.)
+// a frame; meter levels within 0.2 dB beyond one quantisation step of the
+// peak, and within 0.02 dB on average over a file. (The levels differ most on
+// noise that fills the band up to the analysis rate's Nyquist frequency:
+// libsoxr's transition band, 7.3 to 8 kHz at 16 kHz, is steeper than the
+// library's; over draws of white noise the largest difference was 0.11 to
+// 0.17 dB, the mean at most 0.012 dB. Filters that let aliases into the top of
+// the band gave 1.9 dB.)
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <soxr.h>
@@ -155,7 +158,7 @@ TEST(InputQuality, SpeechAgreesWithLibsoxrHighQuality)
         // the audio is converted, so a reading may in addition differ by the
         // level of one step at its peak.
         std::size_t compared = 0;
-        double worst = 0;
+        double worst = 0, sum = 0;
         for (const auto& reading : ours.levels) {
             const auto other = theirs.levels.find(reading.first);
             if (other == theirs.levels.end())
@@ -164,13 +167,15 @@ TEST(InputQuality, SpeechAgreesWithLibsoxrHighQuality)
             const double peak = 32768.0 * std::pow(10.0, std::min(reading.second, other->second) / 20.0);
             const double step = 20.0 * std::log10((peak + 1.0) / peak);
             const double beyond = std::fabs(reading.second - other->second) - step;
-            EXPECT_LE(beyond, 0.15) << "at " << reading.first << ": " << reading.second << " dBFS against "
+            EXPECT_LE(beyond, 0.2) << "at " << reading.first << ": " << reading.second << " dBFS against "
                                    << other->second;
             worst = std::max(worst, beyond);
+            sum += std::max(0.0, beyond);
         }
         EXPECT_GE(compared, ours.levels.size() - 2);
-        std::printf("%-26s %zu segments, %zu readings, largest level difference beyond a step %.3f dB\n",
-                    name.c_str(), ours.segments.size(), compared, worst);
+        EXPECT_LE(sum / static_cast<double>(compared), 0.02);
+        std::printf("%-26s %zu segments, %zu readings, level differences: largest beyond a step %.3f dB, "
+                    "mean %.4f dB\n", name.c_str(), ours.segments.size(), compared, worst, sum / static_cast<double>(compared));
     }
 }
 
