@@ -127,7 +127,7 @@ eval:
 
 # The npm package (web/): built from the library's sources by emscripten.
 WEB_TOOLS = emscripten esbuild zopfli nodejs chromium
-WEB_SOURCES = $(wildcard src/*.cpp src/*.h src/*.inc OKUVAD/*.cpp OKUVAD/*.h web/src/*) CMakeLists.txt \
+WEB_SOURCES = $(wildcard src/*.cpp src/*.h src/*.inc OKUVAD/*.cpp OKUVAD/*.h include/*.h include/oku/*.h include/oku/detail/*.h web/src/*) CMakeLists.txt \
               web/package.json web/build.sh web/scripts/assemble.mjs web/test/native.c
 
 # npm comes with some builds of nodejs, and Debian's npm package conflicts with those.

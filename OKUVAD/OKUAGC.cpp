@@ -2,7 +2,7 @@
 // control, host volumes converted to gains and back.
 #include "okuvad.h"
 
-#include "../src/agc.h"
+#include "agc.h"
 #include "boundary.h"
 
 using oku::AGC;

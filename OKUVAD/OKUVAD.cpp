@@ -2,7 +2,7 @@
 // analyzer, raw PCM bytes in, one reported result per call out.
 #include "okuvad.h"
 
-#include "../src/audioanalyzer.h"
+#include "audioanalyzer.h"
 #include "boundary.h"
 
 using oku::AnalyzerEvent;

@@ -8,9 +8,9 @@
 #include <new>
 #include <stdexcept>
 
-#include "../src/audiodata.h"
+#include "audiodata.h"
 #include "../src/measure.h"
-#include "../src/rates.h"
+#include "rates.h"
 
 namespace oku {
 namespace boundary {

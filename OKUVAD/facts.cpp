@@ -7,11 +7,11 @@
 #include <cstring>
 #include <string>
 
-#include "../src/agc.h"
-#include "../src/audioanalyzer.h"
+#include "agc.h"
+#include "audioanalyzer.h"
 #include "../src/inputpath.h"
-#include "../src/rates.h"
-#include "../src/settings.h"
+#include "rates.h"
+#include "settings.h"
 #include "oku.h"
 #include "status.h"
 

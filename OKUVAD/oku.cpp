@@ -15,8 +15,8 @@
 #include <utility>
 #include <vector>
 
-#include "../src/agc.h"
-#include "../src/audioanalyzer.h"
+#include "agc.h"
+#include "audioanalyzer.h"
 #include "../src/inputpath.h"
 #include "../src/measure.h"
 #include "boundary.h"

@@ -4,7 +4,7 @@
 #include <climits>
 #include <cstdlib>
 
-#include "../OKUVAD/okuvad.h"
+#include "okuvad.h"
 #include "fuzz_input.h"
 
 

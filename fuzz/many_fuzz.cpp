@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "../src/agc.h"
-#include "../src/audioanalyzer.h"
+#include "agc.h"
+#include "audioanalyzer.h"
 #include "../src/measure.h"
 #include "fuzz_input.h"
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "../OKUVAD/okuvad.h"
+#include "okuvad.h"
 #include "fuzz_input.h"
 
 

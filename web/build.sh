@@ -15,7 +15,8 @@ for tool in emcc esbuild zopfli node g++; do
 done
 version="$(sed -n 's/^project(OKUVAD VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")"
 sources=("$root"/src/{audioanalyzer,agc,measure,inputpath}.cpp "$root"/OKUVAD/{OKUVAD,OKUAGC,oku,status,facts}.cpp)
-flags=(-std=c++17 -ffp-contract=off -DOKU_VERSION_STRING="\"$version\"" -I"$root/src" -I"$root/OKUVAD")
+flags=(-std=c++17 -ffp-contract=off -DOKU_VERSION_STRING="\"$version\"" -I"$root/include" -I"$root/include/oku"
+       -I"$root/include/oku/detail" -I"$root/src" -I"$root/OKUVAD")
 exports=(malloc free oku_version oku_rates oku_input_rates oku_analysis_rate oku_max_channels oku_last_error
          oku_status_message oku_status_name oku_chunk_samples oku_vad_result_name oku_assessment_name
          oku_agc_control_name okuweb_unknown_keys okuweb_layout

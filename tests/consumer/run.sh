@@ -23,7 +23,12 @@ cmake --install "$work/build" --prefix "$work/prefix" > /dev/null
 # Only the two C headers and the folder of C++ headers in include/.
 found=$(cd "$work/prefix/include" && ls | tr '\n' ' ')
 [ "$found" = "oku oku.h okuvad.h " ] || { echo "include/ holds: $found"; exit 1; }
-[ -f "$work/prefix/include/oku/audioanalyzer.h" ] || { echo "include/oku/ lacks the C++ headers"; exit 1; }
+# The classes in include/oku/, and in include/oku/detail/ only the types they hold by value.
+found=$(cd "$work/prefix/include/oku" && ls | tr '\n' ' ')
+[ "$found" = "agc.h audioanalyzer.h audiodata.h detail " ] || { echo "include/oku/ holds: $found"; exit 1; }
+found=$(cd "$work/prefix/include/oku/detail" && ls | tr '\n' ' ')
+[ "$found" = "energyhistogram.h highpassfilter.h parameters.h rates.h settings.h " ] ||
+  { echo "include/oku/detail/ holds: $found"; exit 1; }
 libdir=$(ls -d "$work/prefix"/lib*/pkgconfig | head -n 1)
 libdir=${libdir%/pkgconfig}
 

@@ -49,7 +49,7 @@ class CInterfaceManual(unittest.TestCase):
         described = set(re.findall(r"^\| `((?:oku|OKUVAD|OKUAGC)_\w+)` \| [\w.]+ \| \S", page, flags=re.M))
         declared = set()
         for header in ("okuvad.h", "oku.h"):
-            for line in read("OKUVAD", header).splitlines():
+            for line in read("include", header).splitlines():
                 m = re.match(r"^(?:OKU_API|OKUVAD_API)\s.*?\b((?:oku|OKUVAD|OKUAGC)_\w+)\s*\(", line)
                 if m:
                     declared.add(m.group(1))
@@ -212,7 +212,7 @@ int main(int argc, char** argv)
             source, program = os.path.join(tmp, "host.c"), os.path.join(tmp, "host")
             with open(source, "w") as f:
                 f.write(host)
-            build = subprocess.run([compiler, "-std=c11", "-Wall", "-Wextra", "-Werror", "-I", os.path.join(ROOT, "OKUVAD"),
+            build = subprocess.run([compiler, "-std=c11", "-Wall", "-Wextra", "-Werror", "-I", os.path.join(ROOT, "include"),
                                     source, library, "-o", program, "-Wl,-rpath," + os.path.dirname(library)],
                                    capture_output=True, text=True, timeout=300)
             self.assertEqual(build.returncode, 0, build.stderr)

@@ -56,7 +56,7 @@ if (!existsSync(exe) || statSync(exe).mtimeMs < newest) {
   mkdirSync(BUILD, { recursive: true });
   const version = readFileSync(join(root, 'CMakeLists.txt'), 'utf8').match(/project\(OKUVAD VERSION ([0-9.]+)/)[1];
   execFileSync('g++', ['-O3', '-DNDEBUG', '-std=c++17', '-ffp-contract=off', `-DOKU_VERSION_STRING="${version}"`,
-    '-I', join(root, 'src'), '-I', join(root, 'OKUVAD'), ...sources, '-o', exe], { stdio: 'inherit' });
+    ...['include', 'include/oku', 'include/oku/detail', 'src', 'OKUVAD'].flatMap((d) => ['-I', join(root, d)]), ...sources, '-o', exe], { stdio: 'inherit' });
 }
 
 const oku = await load();

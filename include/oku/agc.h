@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "audiodata.h"
-#include "highpassfilter.h"
+#include "detail/highpassfilter.h"
 
 namespace oku {
 

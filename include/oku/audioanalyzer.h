@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "audiodata.h"
-#include "energyhistogram.h"
-#include "highpassfilter.h"
-#include "parameters.h"
+#include "detail/energyhistogram.h"
+#include "detail/highpassfilter.h"
+#include "detail/parameters.h"
 
 namespace oku {
 
