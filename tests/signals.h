@@ -1,14 +1,17 @@
-// Test signals with frame energies that tests can reason about.
+// Test signals with frame energies that tests can reason about, and the
+// analyzer's results as text for comparing runs.
 #ifndef OKU_TESTS_SIGNALS_H
 #define OKU_TESTS_SIGNALS_H
 
 #include <cmath>
-#include <cstdint>
+#include <numeric>
+#include <sstream>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include "audioanalyzer.h"
 #include "audiodata.h"
-#include "highpassfilter.h"
 
 namespace testsig {
 
@@ -28,31 +31,30 @@ inline oku::AudioData Tone(const std::vector<std::pair<int, double>>& steps, dou
     return out;
 }
 
-// Energy of samples on the analyzer's scale: 10 log10 of the mean square, 0 when at most 1.
-inline double Energy(const short* p, std::size_t n)
-{
-    double sum = 0.0;
-    for (std::size_t i = 0; i < n; ++i)
-        sum += static_cast<double>(p[i]) * p[i];
-    const double mean = n ? sum / static_cast<double>(n) : 0.0;
-    return mean > 1.0 ? 10.0 * std::log10(mean) : 0.0;
-}
-
-// The filtered energy of every whole frame of a signal, from a fresh filter.
-inline std::vector<double> FrameEnergies(oku::AudioData signal, double rate, int samplesPerFrame)
-{
-    oku::HighpassFilter filter(rate);
-    std::vector<double> energies;
-    for (std::size_t i = 0; i + samplesPerFrame <= signal.size(); i += samplesPerFrame) {
-        filter.Filter(signal.begin() + static_cast<long>(i), signal.begin() + static_cast<long>(i + samplesPerFrame));
-        energies.push_back(Energy(&signal[i], static_cast<std::size_t>(samplesPerFrame)));
-    }
-    return energies;
-}
-
 inline oku::AudioData Slice(const oku::AudioData& a, std::size_t from, std::size_t count)
 {
     return oku::AudioData(a.begin() + static_cast<long>(from), a.begin() + static_cast<long>(from + count));
+}
+
+// One result of the analyzer as a line of text with every digit (a frame as
+// its index, flag, and the sum and count of its samples).
+inline std::string Describe(const oku::AnalyzerResult& r)
+{
+    std::ostringstream os;
+    os.precision(17);
+    if (r.GetType() == oku::AnalyzerResult::RT_Event) {
+        const auto& e = static_cast<const oku::AnalyzerEvent&>(r);
+        os << "event " << e.GetTag() << " " << e.GetTimeMs();
+    } else if (r.GetType() == oku::AnalyzerResult::RT_VolumeMeter) {
+        const auto& m = static_cast<const oku::AnalyzerVolumeMeter&>(r);
+        os << "meter " << m.GetTimeMs() << " " << m.GetInfo() << " " << m.GetVolume() << " " << m.GetVolumedBFS()
+           << " " << m.GetSNRVolumePct() << " " << m.IsSpeechState();
+    } else {
+        const auto& f = static_cast<const oku::AnalyzerAudioFrame&>(r);
+        os << "frame " << f.GetFrameIndex() << " " << f.IsSpeechSegmentFrame() << " "
+           << std::accumulate(f.GetData().begin(), f.GetData().end(), 0LL) << "/" << f.GetData().size();
+    }
+    return os.str() + "\n";
 }
 
 }  // namespace testsig
