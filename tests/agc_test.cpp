@@ -1,18 +1,16 @@
 // The gain control's rules against values worked out from them, on tones of
 // known level: its measurements, the settings it refuses, when it updates,
 // the decision table, the gains it hands back, its diagnostic log, and the
-// level histogram underneath. (The golden files pin every decision on the
-// generated recordings.)
+// level histogram underneath. (The golden files pin every decision and log
+// line on the generated recordings.)
 #include "agc.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <numeric>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -33,15 +31,6 @@ const double kBg18 = 13.0, kBg29 = 47.0, kSpeech40 = 158.0, kSpeech45 = 280.0, k
 // A tone of (frames, amplitude) steps at 16 kHz.
 AudioData Tone(const std::vector<std::pair<int, double>>& steps) { return testsig::Tone(steps, 16000.0, kFrame); }
 
-// One update per level: `quiet` frames at 18 dB, the rest at the level.
-AudioData Updates(int quiet, const std::vector<double>& levels)
-{
-    std::vector<std::pair<int, double>> steps;
-    for (double level : levels)
-        steps.insert(steps.end(), {{quiet, kBg18}, {6 - quiet, level}});
-    return Tone(steps);
-}
-
 struct Step {
     float in, out;
     Control info;
@@ -60,6 +49,8 @@ std::vector<Step> Feed(AGC& agc, const AudioData& x, float gain)
     }
     return steps;
 }
+
+Control::ControlType Decision(AGC& agc, const AudioData& x, float gain) { return Feed(agc, x, gain)[0].info.GetControlType(); }
 
 std::shared_ptr<std::ostringstream> Log(AGC& agc)
 {
@@ -80,13 +71,6 @@ std::vector<std::vector<std::string>> Lines(const std::ostringstream& log)
             lines.back().push_back(field.substr(field.rfind(' ', 0) == 0 ? 1 : 0));
     }
     return lines;
-}
-
-std::string Text(double x)
-{
-    std::ostringstream os;
-    os << x;
-    return os.str();
 }
 
 double DeltaDb(float from, float to) { return 20.0 * std::log10(static_cast<double>(to) / from); }
@@ -117,14 +101,13 @@ TEST(Agc, MeasuresPowerAndClipping)
 TEST(Agc, RefusesSettingsThatWouldBreakItAndTakesTheirLimits)
 {
     const char* const refused[][2] = {
-        {"MinUpdateIntervalMs=19", "MinUpdateIntervalMs"}, {"MinUpdateIntervalMs=-120", "MinUpdateIntervalMs"},
-        {"MinLowerLevelSizeMs=140", "MinLowerLevelSizeMs"}, {"MinUpperLevelSizeMs=140", "MinUpperLevelSizeMs"},
-        {"WindowSizeMs=19", "WindowSizeMs"}, {"WindowSizeMs=60", "WindowSizeMs"},  // 3 frames cannot hold a pause level's 4
+        {"MinUpdateIntervalMs=19", "MinUpdateIntervalMs"}, {"MinLowerLevelSizeMs=140", "MinLowerLevelSizeMs"},
+        {"MinUpperLevelSizeMs=140", "MinUpperLevelSizeMs"}, {"WindowSizeMs=19", "WindowSizeMs"},
+        {"WindowSizeMs=60", "WindowSizeMs"},  // 3 frames cannot hold a pause level's 4
         {"WindowSizeMs=2147483647", "WindowSizeMs"}, {"SNRWindowSizeMs=119", "SNRWindowSizeMs"},
         {"CutoffFraction=-0.1", "CutoffFraction"}, {"CutoffFraction=1.5", "CutoffFraction"},
-        {"LeastGain=0", "LeastGain"}, {"LeastGain=-0.5", "LeastGain"}, {"LeastGain=1.01", "LeastGain"},
-        {"ThresholdOffsetSpeech=-1", "ThresholdOffsetSpeech"}, {"LeastGain", "Invalid format"},
-        {"UpperBound=high", "Invalid format"}};
+        {"LeastGain=0", "LeastGain"}, {"LeastGain=1.01", "LeastGain"}, {"ThresholdOffsetSpeech=-1", "ThresholdOffsetSpeech"},
+        {"LeastGain", "Invalid format"}, {"UpperBound=high", "Invalid format"}};
     for (const auto& c : refused)
         EXPECT_NE(std::string::npos, Refusal(c[0]).find(c[1])) << c[0] << ": " << Refusal(c[0]);
     for (const char* ok : {"MinUpdateIntervalMs=20;MinLowerLevelSizeMs=20;MinUpperLevelSizeMs=20", "WindowSizeMs=80",
@@ -140,14 +123,7 @@ TEST(Agc, UpdatesOnceTheUpdateIntervalsFramesAreIn)
 {
     AGC agc("", 16000);
     EXPECT_EQ(0.5f, agc.ComputeGain(AudioData(kUpdate - 1, 0), 0.5f));  // still collecting
-    Control info;
-    agc.GetInfo(info);
-    EXPECT_EQ(Control::Unchanged, info.GetControlType());
-    EXPECT_DOUBLE_EQ(1919 / 16.0, info.GetTimeMs());
-    EXPECT_GT(agc.ComputeGain(AudioData(1, 0), 0.5f), 0.5f);  // the sixth frame completes: silence raises
-    agc.GetInfo(info);
-    EXPECT_EQ(Control::PauseTooLow, info.GetControlType());
-    EXPECT_EQ(120.0, info.GetTimeMs());
+    EXPECT_GT(agc.ComputeGain(AudioData(1, 0), 0.5f), 0.5f);            // the sixth frame completes: silence raises
     agc.ComputeGain(AudioData(2 * kUpdate, 0), 0.5f);  // two updates' audio in one call: one update
     agc.Reset();                                        // which Reset does not uncount
     EXPECT_EQ(2, agc.GetNumUpdates());
@@ -182,18 +158,17 @@ TEST(Agc, RaisesAndLowersByTheTable)
     EXPECT_NEAR(78.0 - b, DeltaDb(0.5f, l[0].out), 1e-4);
     EXPECT_NEAR(-6.0, DeltaDb(0.5f, Feed(capped, loud, 0.5f)[0].out), 1e-4);
     const auto m = Feed(least, loud, 0.001f);
-    EXPECT_EQ(0.001f, m[0].out);
-    EXPECT_EQ(Control::OperatingLimit, m[0].info.GetControlType());
+    EXPECT_TRUE(m[0].out == 0.001f && m[0].info.GetControlType() == Control::OperatingLimit);
     // A lowering drops the pause bound from its initial value (here 40, where a
     // 29.5 dB tone is too low) to the later one (20, where it is not) until Reset.
     const char* bounds = "InitialPauseLowerBound=40;PauseLowerBound=20";
     const AudioData quiet = Tone({{6, kBg29}});
     AGC fresh(bounds, 16000), lowered(bounds, 16000);
-    EXPECT_EQ(Control::PauseTooLow, Feed(fresh, quiet, 0.5f)[0].info.GetControlType());
-    EXPECT_EQ(Control::SpeechTooHigh, Feed(lowered, loud, 0.5f)[0].info.GetControlType());
-    EXPECT_EQ(Control::Unchanged, Feed(lowered, quiet, 0.5f)[0].info.GetControlType());
+    EXPECT_EQ(Control::PauseTooLow, Decision(fresh, quiet, 0.5f));
+    EXPECT_EQ(Control::SpeechTooHigh, Decision(lowered, loud, 0.5f));
+    EXPECT_EQ(Control::Unchanged, Decision(lowered, quiet, 0.5f));
     lowered.Reset();
-    EXPECT_EQ(Control::PauseTooLow, Feed(lowered, quiet, 0.5f)[0].info.GetControlType());
+    EXPECT_EQ(Control::PauseTooLow, Decision(lowered, quiet, 0.5f));
 }
 
 TEST(Agc, SpeechBelowTheBandRisesOneStepOnceSettled)
@@ -215,21 +190,13 @@ TEST(Agc, SpeechBelowTheBandRisesOneStepOnceSettled)
     ASSERT_EQ(22u, lines.size());
     EXPECT_NEAR(18.3, steps[10].info.GetPauseLevel(), 1.0);
     EXPECT_NEAR(45.0, steps[10].info.GetSpeechLevel(), 1.0);
-    for (int k = 1; k <= 22; ++k) {
-        const Step& s = steps[static_cast<std::size_t>(k - 1)];
-        const std::vector<std::string>& f = lines[static_cast<std::size_t>(k - 1)];
+    for (std::size_t k = 1; k <= 22; ++k) {
+        const Step& s = steps[k - 1];
         const bool raise = k == 11 || k == 15;
         EXPECT_EQ(raise ? Control::SpeechTooLow : Control::Unchanged, s.info.GetControlType()) << k;
         EXPECT_NEAR(raise ? 1.0 : 0.0, DeltaDb(s.in, s.out), 1e-4) << k;
-        // The log: time, gain, pause and speech levels, best ratio, clipping,
-        // frames in the window, the state's tag and the new gain after a change.
-        ASSERT_EQ(raise ? 9u : 8u, f.size()) << k;
-        EXPECT_EQ(std::to_string(120 * k), f[0]);
-        EXPECT_EQ(Text(s.in), f[1]);
-        EXPECT_EQ(Text(s.info.GetPauseLevel()), f[2]);
-        EXPECT_EQ(Text(s.info.GetSpeechLevel()), f[3]);
-        EXPECT_EQ(k == 10 ? "speech:400" : k == 20 ? "pause:1900" : "nil:" + std::to_string(120 * k), f[7]) << k;
-        EXPECT_EQ(raise ? "# " + Text(s.out) : "", f.size() > 8 ? f[8] : "");
+        // The log's eighth field: the state that began, dated back, or none.
+        EXPECT_EQ(k == 10 ? "speech:400" : k == 20 ? "pause:1900" : "nil:" + std::to_string(120 * k), lines[k - 1].at(7));
     }
     EXPECT_EQ("66", lines[10][6]);  // frames since speech began
     EXPECT_EQ("6", lines[11][6]);   // the window restarts after a change
@@ -251,12 +218,13 @@ TEST(Agc, SnrWindowRemembersTheBestRatioForItsLength)
     // of 14 dB or more are recorded, and the logged best ratio is the largest of
     // the last 33 recorded (4000 ms / 120 ms), or 20 with 2400 ms. The first
     // (60 dB frames) stays the best until 33 (20) smaller ones follow it.
+    std::vector<std::pair<int, double>> steps;
+    for (int k = 0; k < 41; ++k)
+        steps.insert(steps.end(), {{4, kBg18}, {2, k ? kSpeech40 : kSpeech60}});
     for (const auto& c : {std::make_pair("WindowSizeMs=120", 33u), std::make_pair("WindowSizeMs=120;SNRWindowSizeMs=2400", 20u)}) {
         AGC agc(c.first, 16000);
         const auto log = Log(agc);
-        std::vector<double> levels(41, kSpeech40);
-        levels[0] = kSpeech60;
-        Feed(agc, Updates(4, levels), 0.5f);
+        Feed(agc, Tone(steps), 0.5f);
         std::vector<double> recorded;
         bool evicted = false;
         for (const auto& f : Lines(*log)) {
@@ -321,17 +289,18 @@ TEST(Agc, GainsInAndOut)
     const auto lines = Lines(*log);
     ASSERT_EQ(201u, lines.size());
     EXPECT_EQ((std::vector<std::string>{"20", "0.5"}), lines[0]);
-    EXPECT_EQ("140", lines[1][0]);
-    EXPECT_EQ(0u, lines[1].at(2).find("# "));
+    EXPECT_TRUE(lines[1][0] == "140" && lines[1].at(2).find("# ") == 0);
 }
 
 TEST(Agc, LogLinesAreFlushedItemByItemAndOptional)
 {
-    // Pause too low: "120 ms, gain 0.5, levels 0 0, ratio 0, clipping 0, 6 frames", and the new gain.
+    // Pause too low: "120 ms, gain 0.5, levels 0 0, ratio 0, clipping 0, 6
+    // frames", and the new gain 0.5 x 10^(6/20) = 0.997631; an empty pointer stops the log.
     AGC agc("", 16000);
-    auto log = Log(agc);
-    const float g = agc.ComputeGain(AudioData(kUpdate, 0), 0.5f);
-    EXPECT_EQ("0.997631", Text(g));  // 0.5 x 10^(6/20)
+    const auto log = Log(agc);
+    agc.ComputeGain(AudioData(kUpdate, 0), 0.5f);
+    agc.SetLogStream(nullptr);
+    agc.ComputeGain(AudioData(kUpdate, 0), 0.5f);
     EXPECT_EQ("120\t 0.5\t0\t 0\t 0\t 0\t 6\t toolow:120\t# 0.997631\n", log->str());
     // Every item goes out as it is written: 13 of the head and 4 of a "nil:" tail.
     struct Counting : std::stringbuf {
@@ -346,38 +315,11 @@ TEST(Agc, LogLinesAreFlushedItemByItemAndOptional)
     counted.SetLogStream(std::make_shared<std::ostream>(&buf));
     counted.ComputeGain(Tone({{6, kBg29}}), 0.5f);
     EXPECT_EQ(17, buf.syncs) << buf.str();
-    // A log changes no decision; an empty pointer stops it.
-    const AudioData x = Updates(3, std::vector<double>(12, kSpeech60));
-    AGC with("", 16000), without("", 16000);
-    log = Log(with);
-    const auto a = Feed(with, x, 0.1f), b = Feed(without, x, 0.1f);
-    for (std::size_t i = 0; i < a.size(); ++i)
-        EXPECT_EQ(a[i].out, b[i].out) << i;
-    with.SetLogStream(nullptr);
-    with.ComputeGain(AudioData(kUpdate, 0), 0.5f);
-    EXPECT_EQ(12u, Lines(*log).size());
 }
 
-TEST(Agc, HistogramHoldsTheLastValuesInQuarterBins)
+TEST(Agc, HistogramFindsLevelsInQuarterBins)
 {
     using Histogram = AGC::Histogram;
-    // A long random stream through a ring of 37: the count, the bins' total and
-    // the ring's order stay right; the index folds into [W, 2W] once full.
-    Histogram h(0, 0);
-    h.SetSize(37, 100);
-    std::vector<float> all;
-    std::uint32_t seed = 7;
-    for (int i = 0; i < 5000; ++i) {
-        seed = seed * 1664525u + 1013904223u;
-        all.push_back(static_cast<float>(seed >> 8) / 16777216.0f * 99.9f);
-        h.Update(all.back());
-        const int n = h.GetNumSamples();
-        ASSERT_EQ(std::min(37, i + 1), n);
-        ASSERT_EQ(n, std::accumulate(h._histogram.begin(), h._histogram.end(), 0));
-        ASSERT_TRUE(i < 37 || (h._wIndex >= 37 && h._wIndex <= 74)) << h._wIndex;
-        for (int k = 1; k <= n; ++k)
-            ASSERT_EQ(all[all.size() - static_cast<std::size_t>(k)], h._window[static_cast<std::size_t>((h._wIndex - k) % 37)]);
-    }
     // Percentiles from either end: the lower edge of the first bin where both
     // the percentage and the least count are reached.
     Histogram p(20, 100);
@@ -393,23 +335,19 @@ TEST(Agc, HistogramHoldsTheLastValuesInQuarterBins)
                    {0, true, 1, 1.0f}};
     for (const auto& q : queries)
         EXPECT_EQ(q.level, p.GetLevel(q.percent, q.fromBottom, q.least)) << q.percent << " " << q.fromBottom << " " << q.least;
-    // Quarter bins, values under the minimum ignored; Reset and resizing empty
-    // it and keep its shape; sizes under 1 are refused.
-    Histogram q(10, 100);
+    // Quarter bins, values under the minimum ignored; a ring of 2 keeps the
+    // last 2; Reset and resizing empty it and keep its shape; sizes under 1 are refused.
+    Histogram q(2, 100);
     q.SetMinValue(14.0f);
-    for (float x : {13.99f, 14.0f, 57.9f})
+    for (float x : {13.99f, 14.0f, 57.9f, 30.0f})
         q.Update(x);
     EXPECT_EQ(2, q.GetNumSamples());
-    EXPECT_EQ(57.75f, q.GetLevel(0, false, 1));
-    EXPECT_EQ(14.0f, q.GetLevel(0, true, 1));
+    EXPECT_TRUE(q.GetLevel(0, false, 1) == 57.75f && q.GetLevel(0, true, 1) == 30.0f);
     q.Reset();
-    EXPECT_EQ(0, q.GetNumSamples());
-    EXPECT_EQ(400u, q._histogram.size());
-    EXPECT_EQ(14.0f, q._minValue);
+    EXPECT_TRUE(q.GetNumSamples() == 0 && q._histogram.size() == 400u && q._minValue == 14.0f);
     q.Update(50.0f);
     q.SetSize(150, 100);
-    EXPECT_EQ(150, q.GetWindowSize());
-    EXPECT_EQ(0, std::accumulate(q._histogram.begin(), q._histogram.end(), 0));
+    EXPECT_TRUE(q.GetWindowSize() == 150 && q.GetNumSamples() == 0);
     EXPECT_THROW(Histogram(0, 100), std::invalid_argument);
     for (const auto& bad : {std::make_pair(0, 100), std::make_pair(10, 0), std::make_pair(-5, 100)})
         EXPECT_THROW(q.SetSize(bad.first, bad.second), std::invalid_argument);
