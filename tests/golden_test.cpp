@@ -1,25 +1,22 @@
 // Golden results: every result the analyzer and the gain control give for the
 // generated recordings of recordings.h at every rate, through the classes and
-// through the exported functions, written as text (one line per result) and
-// compared with the files in tests/golden/. Numbers are printed with enough
-// digits to round-trip, so a change of one bit in any result shows as a
-// changed line.
-//
-// The files hold the results of the implementation that was checked by hand
-// and against the timing rules; they are the guard that later work (tuning,
-// refactoring) leaves every result as it was. When a change is meant to alter
-// results, regenerate them with `make golden` and review the diff.
+// the exported functions, as text (one line per result, numbers with enough
+// digits to round-trip) compared with the files in tests/golden/. The files
+// hold the results of the implementation checked by hand and against the
+// timing rules; when a change is meant to alter results, `make golden`
+// rewrites them, and the diff is reviewed.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <limits>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <limits>
 #include <memory>
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -37,73 +34,54 @@
 namespace {
 
 const double kRates[] = {8000.0, 11025.0, 16000.0, 22050.0};
+const bool kUpdate = std::getenv("OKU_GOLDEN_UPDATE") != nullptr;
 
-std::string D(double x)
+std::string Format(const char* format, double x)
 {
     char buf[40];
-    std::snprintf(buf, sizeof buf, "%.17g", x);
+    std::snprintf(buf, sizeof buf, format, x);
     return buf;
 }
-
-std::string F(float x)
-{
-    char buf[40];
-    std::snprintf(buf, sizeof buf, "%.9g", static_cast<double>(x));
-    return buf;
-}
-
-const char* TagName(oku::AnalyzerEvent::EventTag t)
-{
-    static const char* const names[] = {"speech_start", "speech_end", "below_vor", "above_vor"};
-    return names[t];
-}
+std::string D(double x) { return Format("%.17g", x); }
+std::string F(float x) { return Format("%.9g", static_cast<double>(x)); }
 
 // Frame results are written as runs of consecutive frames with the same flag.
-class FrameRuns {
-public:
-    explicit FrameRuns(std::ostream& os) : _os(os) {}
-    ~FrameRuns() { End(); }
+struct FrameRuns {
+    std::ostream& os;
+    int first = 0, last = 0, count = 0;
+    bool speech = false;
+    long long samples = 0, sum = 0;
 
     void Add(const oku::AnalyzerAudioFrame& f)
     {
-        if (_count > 0 && (f.GetFrameIndex() != _last + 1 || f.IsSpeechSegmentFrame() != _speech))
+        if (count > 0 && (f.GetFrameIndex() != last + 1 || f.IsSpeechSegmentFrame() != speech))
             End();
-        if (_count == 0) {
-            _first = f.GetFrameIndex();
-            _speech = f.IsSpeechSegmentFrame();
+        if (count++ == 0) {
+            first = f.GetFrameIndex();
+            speech = f.IsSpeechSegmentFrame();
         }
-        _last = f.GetFrameIndex();
-        ++_count;
-        for (short s : f.GetData()) {
-            ++_samples;
-            _sum += s;
-        }
+        last = f.GetFrameIndex();
+        samples += static_cast<long long>(f.GetData().size());
+        sum = std::accumulate(f.GetData().begin(), f.GetData().end(), sum);
     }
 
     void End()
     {
-        if (_count == 0)
-            return;
-        _os << "frames " << _first << "-" << _last << " " << (_speech ? "speech" : "pause") << " samples=" << _samples
-            << " sum=" << _sum << "\n";
-        _count = 0;
-        _samples = 0;
-        _sum = 0;
+        if (count > 0)
+            os << "frames " << first << "-" << last << " " << (speech ? "speech" : "pause") << " samples=" << samples
+               << " sum=" << sum << "\n";
+        count = 0;
+        samples = sum = 0;
     }
-
-private:
-    std::ostream& _os;
-    int _first = 0, _last = 0, _count = 0;
-    bool _speech = false;
-    long long _samples = 0, _sum = 0;
 };
 
 void AnalyzerClass(std::ostream& os, const oku::AudioData& s, double rate)
 {
+    static const char* const tags[] = {"speech_start", "speech_end", "below_vor", "above_vor"};
     oku::AudioAnalyzer a("", rate, true);
     const std::size_t chunk = static_cast<std::size_t>(7 * a.GetSamplesPerFrame() + 3);
     os << "## analyzer class: chunks of " << chunk << " samples, frame data on, flushed at the end\n";
-    FrameRuns runs(os);
+    FrameRuns runs{os};
     auto drain = [&] {
         oku::AnalyzerResultPtr r;
         while (a.GetResult(r)) {
@@ -114,7 +92,7 @@ void AnalyzerClass(std::ostream& os, const oku::AudioData& s, double rate)
             runs.End();
             if (r->GetType() == oku::AnalyzerResult::RT_Event) {
                 const auto& e = static_cast<const oku::AnalyzerEvent&>(*r);
-                os << "event " << TagName(e.GetTag()) << " " << D(e.GetTimeMs()) << "\n";
+                os << "event " << tags[e.GetTag()] << " " << D(e.GetTimeMs()) << "\n";
             } else {
                 const auto& m = static_cast<const oku::AnalyzerVolumeMeter&>(*r);
                 os << "meter " << D(m.GetTimeMs()) << " " << oku_assessment_name(m.GetInfo()) << " peak=" << D(m.GetVolume())
@@ -124,13 +102,13 @@ void AnalyzerClass(std::ostream& os, const oku::AudioData& s, double rate)
         }
     };
     for (std::size_t i = 0; i < s.size(); i += chunk) {
-        a.Process(oku::AudioData(s.begin() + static_cast<long>(i),
-                                 s.begin() + static_cast<long>(std::min(i + chunk, s.size()))));
+        a.Process(oku::AudioData(s.begin() + static_cast<long>(i), s.begin() + static_cast<long>(std::min(i + chunk, s.size()))));
         drain();
     }
     os << "flush\n";
     a.Flush();
     drain();
+    runs.End();
 }
 
 void Exported(std::ostream& os, const oku::AudioData& s, double rate)
@@ -148,8 +126,7 @@ void Exported(std::ostream& os, const oku::AudioData& s, double rate)
         int start = 1, result = 0, info = 0;
         double value = 0;
         do {
-            const int status =
-                OKUVAD_GetResult(start, &s[i], static_cast<unsigned int>(chunk * 2), &result, &value, &info);
+            const int status = OKUVAD_GetResult(start, &s[i], static_cast<unsigned int>(chunk * 2), &result, &value, &info);
             start = 0;
             if (status != 0) {
                 os << "vad status " << status << "\n";
@@ -206,18 +183,6 @@ void AgcClass(std::ostream& os, const oku::AudioData& s, int rate)
     }
 }
 
-std::string GoldenText(const testsig::Recording& r, double rate)
-{
-    const oku::AudioData s = testsig::Render(r.stretches, rate, 7);
-    std::ostringstream os;
-    os << "# " << r.name << " at " << rate << " Hz, " << s.size() << " samples: " << r.description << "\n"
-       << "# Regenerate with `make golden` only when a change is meant to alter results.\n";
-    AnalyzerClass(os, s, rate);
-    Exported(os, s, rate);
-    AgcClass(os, s, static_cast<int>(rate));
-    return os.str();
-}
-
 // Input rates that the library converts: each file holds both recordings,
 // the bursts as float stereo (the right channel at half the left's level)
 // and the gaps as 16-bit samples in three channels (the third silent),
@@ -230,8 +195,7 @@ void ThroughInputPath(std::ostream& os, const oku::AudioData& s, int rate, int c
        << oku_analysis_rate(rate) << " Hz; the gain control's gain (starting at 0.2) fed back\n";
     oku_vad* vad = nullptr;
     oku_agc* agc = nullptr;
-    if (oku_vad_open(rate, channels, nullptr, 0, &vad) != OKU_OK ||
-        oku_agc_open(rate, channels, nullptr, 0, &agc) != OKU_OK) {
+    if (oku_vad_open(rate, channels, nullptr, 0, &vad) != OKU_OK || oku_agc_open(rate, channels, nullptr, 0, &agc) != OKU_OK) {
         os << "open failed: " << oku_last_error() << "\n";
         oku_vad_destroy(vad);
         return;
@@ -284,25 +248,6 @@ void ThroughInputPath(std::ostream& os, const oku::AudioData& s, int rate, int c
     oku_agc_destroy(agc);
 }
 
-std::string InputPathText(int rate)
-{
-    std::ostringstream os;
-    os << "# The input path at " << rate << " Hz: the generated recordings through the handle functions\n"
-       << "# Regenerate with `make golden` only when a change is meant to alter results.\n";
-    for (const testsig::Recording& r : testsig::GoldenRecordings()) {
-        const oku::AudioData s = testsig::Render(r.stretches, rate, 7);
-        const bool floats = r.name == "bursts";
-        os << "# " << r.name << ", " << s.size() << " frames\n";
-        ThroughInputPath(os, s, rate, floats ? 2 : 3, floats);
-    }
-    return os.str();
-}
-
-std::string GoldenPath(const testsig::Recording& r, double rate)
-{
-    return std::string(OKU_GOLDEN_DIR) + "/" + r.name + "-" + std::to_string(static_cast<int>(rate)) + ".txt";
-}
-
 // The meter's level and SNR percentage pass through the platform's log10,
 // whose last bits differ between C libraries (glibc's x86-64 build wrote the
 // files); everything else (decisions, positions, peaks, gains, controls) is
@@ -334,10 +279,8 @@ std::int64_t Ulps(double a, double b)
 // dbfs= and snr_pct= values within their tolerances.
 bool LinesAgree(const std::string& want, const std::string& got)
 {
-    if (want == got)
-        return true;
-    if (kExactLog10)
-        return false;
+    if (want == got || kExactLog10)
+        return want == got;
     std::istringstream a(want), b(got);
     std::string ta, tb;
     while (a >> ta) {
@@ -347,38 +290,19 @@ bool LinesAgree(const std::string& want, const std::string& got)
             continue;
         const bool level = ta.rfind("dbfs=", 0) == 0 && tb.rfind("dbfs=", 0) == 0;
         const bool snr = ta.rfind("snr_pct=", 0) == 0 && tb.rfind("snr_pct=", 0) == 0;
-        if (!level && !snr)
-            return false;
         const double x = std::strtod(ta.c_str() + ta.find('=') + 1, nullptr);
         const double y = std::strtod(tb.c_str() + tb.find('=') + 1, nullptr);
-        if (level ? Ulps(x, y) > kLog10Ulps : !(std::fabs(x - y) <= kSnrPctAbsolute))
+        if (!(level && Ulps(x, y) <= kLog10Ulps) && !(snr && std::fabs(x - y) <= kSnrPctAbsolute))
             return false;
     }
     return !(b >> tb);
 }
 
-// The first line where the texts disagree, or "" when they agree.
-std::string Disagreement(const std::string& want, const std::string& got)
+// Compares a text with its golden file, or rewrites the file under OKU_GOLDEN_UPDATE.
+void CheckGolden(const std::string& name, const std::string& got)
 {
-    std::istringstream a(want), b(got);
-    std::string la, lb;
-    for (int line = 1;; ++line) {
-        const bool ha = static_cast<bool>(std::getline(a, la));
-        const bool hb = static_cast<bool>(std::getline(b, lb));
-        if (!ha && !hb)
-            return "";
-        if (!ha || !hb || !LinesAgree(la, lb))
-            return "line " + std::to_string(line) + ":\n  expected: " + (ha ? la : "(end of file)") +
-                   "\n  got:      " + (hb ? lb : "(end of output)");
-    }
-}
-
-}  // namespace
-
-// Compares a text with its golden file, or rewrites the file when asked to.
-void CheckGolden(const std::string& path, const std::string& got, bool update)
-{
-    if (update) {
+    const std::string path = std::string(OKU_GOLDEN_DIR) + "/" + name + ".txt";
+    if (kUpdate) {
         std::ofstream out(path, std::ios::binary);
         out << got;
         out.close();
@@ -387,25 +311,47 @@ void CheckGolden(const std::string& path, const std::string& got, bool update)
     }
     std::ifstream in(path, std::ios::binary);
     ASSERT_TRUE(in) << "missing golden file " << path << " (make golden writes it)";
-    std::stringstream want;
+    std::stringstream want, have(got);
     want << in.rdbuf();
-    const std::string disagreement = Disagreement(want.str(), got);
-    EXPECT_TRUE(disagreement.empty()) << path << " differs at " << disagreement;
+    std::string la, lb;
+    for (int line = 1;; ++line) {
+        const bool ha = static_cast<bool>(std::getline(want, la)), hb = static_cast<bool>(std::getline(have, lb));
+        if (!ha && !hb)
+            return;
+        ASSERT_TRUE(ha && hb && LinesAgree(la, lb)) << path << " differs at line " << line << ":\n  expected: "
+                                                    << (ha ? la : "(end of file)") << "\n  got:      " << (hb ? lb : "(end of output)");
+    }
 }
+
+}  // namespace
 
 TEST(Golden, InputPathResultsEqualTheGoldenFiles)
 {
-    const bool update = std::getenv("OKU_GOLDEN_UPDATE") != nullptr;
-    for (int rate : kConvertedRates)
-        CheckGolden(std::string(OKU_GOLDEN_DIR) + "/input-" + std::to_string(rate) + ".txt", InputPathText(rate), update);
+    for (int rate : kConvertedRates) {
+        std::ostringstream os;
+        os << "# The input path at " << rate << " Hz: the generated recordings through the handle functions\n"
+           << "# Regenerate with `make golden` only when a change is meant to alter results.\n";
+        for (const testsig::Recording& r : testsig::GoldenRecordings()) {
+            const oku::AudioData s = testsig::Render(r.stretches, rate, 7);
+            const bool floats = r.name == "bursts";
+            os << "# " << r.name << ", " << s.size() << " frames\n";
+            ThroughInputPath(os, s, rate, floats ? 2 : 3, floats);
+        }
+        CheckGolden("input-" + std::to_string(rate), os.str());
+    }
 }
 
 TEST(Golden, ResultsEqualTheGoldenFiles)
 {
-    const bool update = std::getenv("OKU_GOLDEN_UPDATE") != nullptr;
-    for (const testsig::Recording& r : testsig::GoldenRecordings()) {
+    for (const testsig::Recording& r : testsig::GoldenRecordings())
         for (double rate : kRates) {
-            CheckGolden(GoldenPath(r, rate), GoldenText(r, rate), update);
+            const oku::AudioData s = testsig::Render(r.stretches, rate, 7);
+            std::ostringstream os;
+            os << "# " << r.name << " at " << rate << " Hz, " << s.size() << " samples: " << r.description << "\n"
+               << "# Regenerate with `make golden` only when a change is meant to alter results.\n";
+            AnalyzerClass(os, s, rate);
+            Exported(os, s, rate);
+            AgcClass(os, s, static_cast<int>(rate));
+            CheckGolden(r.name + "-" + std::to_string(static_cast<int>(rate)), os.str());
         }
-    }
 }
