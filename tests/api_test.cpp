@@ -77,10 +77,10 @@ void Take(oku_vad* vad, Taken& t)
 
 // 20 ms chunks of input, then a flush.
 template <typename Sample>
-Taken Analyse(int rate, int channels, const std::vector<Sample>& x, unsigned flags = 0)
+Taken Analyse(int rate, int channels, const std::vector<Sample>& x)
 {
     oku_vad* vad = nullptr;
-    EXPECT_EQ(OKU_OK, oku_vad_open(rate, channels, nullptr, flags, &vad));
+    EXPECT_EQ(OKU_OK, oku_vad_open(rate, channels, nullptr, 0, &vad));
     const std::size_t chunk = static_cast<std::size_t>(rate / 50 * channels);
     Taken t;
     for (std::size_t at = 0; at < x.size(); at += chunk) {
@@ -92,11 +92,6 @@ Taken Analyse(int rate, int channels, const std::vector<Sample>& x, unsigned fla
     oku_vad_destroy(vad);
     return t;
 }
-
-struct Lines {
-    std::vector<std::string> lines;
-    static void Add(void* user, const char* line) { static_cast<Lines*>(user)->lines.push_back(line); }
-};
 
 }  // namespace
 
@@ -115,8 +110,6 @@ TEST(Plain, AnalyzerFunctionsKeepTheirConventions)
     EXPECT_EQ(-1, call(1, zeros, 2));
     EXPECT_EQ(-2, OKUVAD_Init(44100.0));  // unsupported: none afterwards
     EXPECT_EQ(-1, call(0, nullptr, 0));
-    for (double rate : {16000.5, 0.0})
-        EXPECT_EQ(-2, OKUVAD_Init(rate));
     ASSERT_EQ(0, OKUVAD_Init(16000.0));
     EXPECT_EQ(-1, OKUVAD_GetResult(1, zeros, 2, nullptr, &value, &info));
     EXPECT_EQ(-1, OKUVAD_GetResult(1, zeros, 2, &result, nullptr, &info));
@@ -139,29 +132,26 @@ TEST(Plain, AnalyzerFunctionsKeepTheirConventions)
     EXPECT_EQ(0, result);
     EXPECT_EQ(0, call(1, nullptr, 0));
     EXPECT_EQ(3, result);
-    // A burst in one call at 8 kHz: start, end and reading come one per call,
-    // positions in samples received; events leave the volume info alone.
+    // Init again starts afresh at the new rate: the old queue is gone. A burst
+    // in one call (of over 2^16 samples, whose memory is given back): start,
+    // end and reading come one per call, positions in samples received, and
+    // events leave the volume info alone.
     ASSERT_EQ(0, OKUVAD_Init(8000.0));
-    const oku::AudioData burst = Burst(8000.0);
+    const oku::AudioData burst = Burst(8000.0), wide = Burst(16000.0);
     ASSERT_EQ(0, call(1, burst.data(), static_cast<unsigned>(burst.size() * 2)));
-    EXPECT_TRUE(result == 1 && value == 93 * 160.0 && info == 0);
+    ASSERT_EQ(0, OKUVAD_Init(16000.0));
+    EXPECT_EQ(0, call(0, nullptr, 0));
+    EXPECT_EQ(0, result);
+    ASSERT_EQ(0, call(1, wide.data(), static_cast<unsigned>(wide.size() * 2)));
+    EXPECT_TRUE(result == 1 && value == 93 * 320.0 && info == 0);
     info = 42;
     EXPECT_EQ(0, call(0, nullptr, 0));
-    EXPECT_TRUE(result == 2 && value == 164 * 160.0 && info == 42);
+    EXPECT_TRUE(result == 2 && value == 164 * 320.0 && info == 42);
     EXPECT_EQ(0, call(0, nullptr, 0));
     EXPECT_TRUE(result == 3 && value == 10000.0 && info == 0);
     value = 9.0;
     EXPECT_EQ(0, call(0, nullptr, 0));
     EXPECT_TRUE(result == 0 && value == 9.0);
-    // Init again starts afresh at the new rate: the old queue is gone, and
-    // positions count at 16 kHz (in a chunk of over 2^16 samples, whose memory is given back).
-    ASSERT_EQ(0, call(1, burst.data(), static_cast<unsigned>(burst.size() * 2)));
-    ASSERT_EQ(0, OKUVAD_Init(16000.0));
-    EXPECT_EQ(0, call(0, nullptr, 0));
-    EXPECT_EQ(0, result);
-    const oku::AudioData wide = Burst(16000.0);
-    ASSERT_EQ(0, call(1, wide.data(), static_cast<unsigned>(wide.size() * 2)));
-    EXPECT_TRUE(result == 1 && value == 93 * 320.0);
     EXPECT_EQ(0, OKUVAD_Deinit());
 }
 
@@ -177,8 +167,7 @@ TEST(Plain, GainFunctionsKeepTheirConventions)
     };
     const auto info = [&] { return OKUAGC_GetInfo(&time, &pause, &speech, &type); };
     EXPECT_TRUE(OKUAGC_Deinit() == 0 && compute(frame, 10, 100) == -1 && info() == -1);
-    for (int rate : {0, -8000})
-        EXPECT_EQ(-4, OKUAGC_Init(rate));
+    EXPECT_EQ(-4, OKUAGC_Init(0));
     ASSERT_EQ(0, OKUAGC_Init(16000));
     // Refused arguments write nothing and take no audio.
     const long bad[][2] = {{10, 0}, {10, -100}, {101, 100}, {-1, 100}, {LONG_MIN, LONG_MAX}};
@@ -191,20 +180,18 @@ TEST(Plain, GainFunctionsKeepTheirConventions)
     EXPECT_EQ(-1, OKUAGC_GetInfo(&time, nullptr, &speech, &type));
     EXPECT_EQ(-1, OKUAGC_GetInfo(&time, &pause, nullptr, &type));
     EXPECT_EQ(-1, OKUAGC_GetInfo(&time, &pause, &speech, nullptr));
-    // Volumes go through a float ratio: 40000 / 65535 as a float lies below the
-    // exact ratio, so a kept 40000 comes back as 39999. The largest bounds
-    // follow the same rule ((2^62 - 1) / (2^63 - 1) is 0.5 as a float, and 0.5
-    // times the bound as a float is 2^62). A volume of 0 asks for the starting
-    // gain sqrt(0.001) = 0.0316: 3 of 100, 2072 of 65535.
-    const long volumes[][3] = {{40000, 65535, 39999}, {32768, 65535, 32767}, {65535, 65535, 65535}, {1, 100, 0},
-                               {50, 100, 50}, {LONG_MAX / 2, LONG_MAX, LONG_MAX / 2 + 1}, {LONG_MAX, LONG_MAX, LONG_MAX},
-                               {0, 100, 3},   {0, 65535, 2072}};
+    // A kept volume goes through the float ratio c_test checks (40000 of 65535
+    // comes back as 39999), the largest bounds too ((2^62 - 1) / (2^63 - 1) is
+    // 0.5 as a float, and 0.5 times the bound as a float is 2^62). A volume of
+    // 0 asks for the starting gain sqrt(0.001) = 0.0316: 3 of 100, 2072 of 65535.
+    const long volumes[][3] = {{40000, 65535, 39999}, {LONG_MAX / 2, LONG_MAX, LONG_MAX / 2 + 1},
+                               {LONG_MAX, LONG_MAX, LONG_MAX}, {0, 100, 3}, {0, 65535, 2072}};
     for (const auto& v : volumes) {
         EXPECT_EQ(0, compute(one, v[0], v[1]));
         EXPECT_EQ(v[2], out) << v[0] << " of " << v[1];
     }
     ASSERT_EQ(0, info());
-    EXPECT_TRUE(type == OKUAGC_GAIN_ESTIMATE && time == 18 / 16.0);  // each call added one sample
+    EXPECT_TRUE(type == OKUAGC_GAIN_ESTIMATE && time == 10 / 16.0);  // each call added two samples
     // Another rate starts afresh; each call of 319 samples is a frame, the sixth an update.
     ASSERT_EQ(0, OKUAGC_Init(8000));
     ASSERT_EQ(0, info());
@@ -300,64 +287,62 @@ TEST(Handles, GainControlFlagsWhatToApplyAndLogsEachUpdate)
     const std::vector<short> quiet(6 * 320, 3);
     oku_agc* agc = nullptr;
     ASSERT_EQ(OKU_OK, oku_agc_create(16000, "", &agc));
-    Lines log;
-    ASSERT_EQ(OKU_OK, oku_agc_set_log(agc, Lines::Add, &log));
+    std::size_t lines = 0;
+    ASSERT_EQ(OKU_OK, oku_agc_set_log(agc, [](void* user, const char*) { ++*static_cast<std::size_t*>(user); }, &lines));
     oku_agc_decision d;
     double next = -1;
+    const auto process = [&](std::size_t n, double gain) {
+        ASSERT_EQ(OKU_OK, oku_agc_process(agc, n ? quiet.data() : nullptr, n, gain, &next));
+        ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
+    };
     // Collecting: 0.02, which no float holds, comes back exactly.
-    ASSERT_EQ(OKU_OK, oku_agc_process(agc, quiet.data(), 5 * 320, 0.02, &next));
-    ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
+    process(5 * 320, 0.02);
     EXPECT_TRUE(next == 0.02 && d.updated == 0 && d.changed == 0);
-    ASSERT_EQ(OKU_OK, oku_agc_process(agc, quiet.data(), 320, 0.02, &next));
-    ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
+    process(320, 0.02);
     EXPECT_TRUE(d.control == OKU_AGC_PAUSE_TOO_LOW && d.updated == 1 && d.changed == 1 && d.time_ms == 120.0);
     EXPECT_NEAR(0.02 * std::pow(10.0, 6.0 / 20.0), next, 1e-6);
     // At full gain the same decision cannot raise it: the operating limit, nothing to apply.
-    ASSERT_EQ(OKU_OK, oku_agc_process(agc, quiet.data(), quiet.size(), 1.0, &next));
-    ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
+    process(quiet.size(), 1.0);
     EXPECT_TRUE(d.control == OKU_AGC_OPERATING_LIMIT && d.updated == 1 && d.changed == 0 && next == 1.0);
-    EXPECT_EQ(2u, log.lines.size());  // one line per update
+    EXPECT_EQ(2u, lines);  // one line per update
     // A gain of 0 asks for a starting gain: a change, and no log line.
-    ASSERT_EQ(OKU_OK, oku_agc_process(agc, nullptr, 0, 0.0, &next));
-    ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
+    process(0, 0.0);
     EXPECT_TRUE(d.control == OKU_AGC_GAIN_ESTIMATE && d.updated == 1 && d.changed == 1);
     EXPECT_NEAR(std::sqrt(0.001), next, 1e-7);
     // Without a callback, updates are still reported and no line goes anywhere.
     ASSERT_EQ(OKU_OK, oku_agc_set_log(agc, nullptr, nullptr));
-    ASSERT_EQ(OKU_OK, oku_agc_process(agc, quiet.data(), quiet.size(), 0.5, &next));
-    ASSERT_EQ(OKU_OK, oku_agc_info(agc, &d));
-    EXPECT_EQ(1, d.updated);
-    EXPECT_EQ(2u, log.lines.size());
+    process(quiet.size(), 0.5);
+    EXPECT_TRUE(d.updated == 1 && lines == 2u);
     oku_agc_destroy(agc);
 }
 
 TEST(Handles, ManyCallsTakeWhatSingleCallsTake)
 {
     // Handles of native and converted rates, one to three channels, with and
-    // without frames, fed chunks of changing length (0 included) through the
-    // many-calls, 16-bit and float, and their twins through single calls.
+    // without frames, fed chunks of changing length (0 included) through
+    // single calls and through the many-calls, 16-bit and float (floats that
+    // are exactly the 16-bit samples): the same results.
     const int rates[] = {8000, 11025, 16000, 22050, 48000, 44100, 12000, 96000}, channels[] = {1, 2, 1, 1, 2, 3, 1, 2};
     const std::size_t n = 8;
-    std::vector<oku_vad*> vads[4];  // 16-bit many, 16-bit single, float many, float single
-    std::vector<oku_agc*> agcs[4];
-    std::vector<Taken> taken[4];
-    std::vector<double> gains[4];
+    std::vector<oku_vad*> vads[3];  // single calls, 16-bit many-calls, float many-calls
+    std::vector<oku_agc*> agcs[3];
+    std::vector<Taken> taken[3];
+    std::vector<double> gains[3];
     std::vector<std::vector<short>> shorts;
     std::vector<std::vector<float>> floats;
-    for (int k = 0; k < 4; ++k) {
-        vads[k].resize(n);
-        agcs[k].resize(n);
-        taken[k].resize(n);
-        gains[k] = {0.0, 0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7};
-        for (std::size_t i = 0; i < n; ++i) {
+    for (std::size_t i = 0; i < n; ++i) {
+        shorts.push_back(Speech<short>(rates[i], channels[i]));
+        floats.push_back(Speech<float>(rates[i], channels[i]));
+        for (int k = 0; k < 3; ++k) {
+            vads[k].push_back(nullptr);
+            agcs[k].push_back(nullptr);
+            gains[k].push_back(0.1 * static_cast<double>(i));
             ASSERT_EQ(OKU_OK, oku_vad_open(rates[i], channels[i], "", i % 3 ? 0 : OKU_VAD_AUDIO_FRAMES, &vads[k][i]));
             ASSERT_EQ(OKU_OK, oku_agc_open(rates[i], channels[i], "", 0, &agcs[k][i]));
         }
     }
-    for (std::size_t i = 0; i < n; ++i) {
-        shorts.push_back(Speech<short>(rates[i], channels[i]));
-        floats.push_back(Speech<float>(rates[i], channels[i]));
-    }
+    for (auto& t : taken)
+        t.resize(n);
     std::vector<std::size_t> at(n, 0);
     for (std::size_t call = 0; call < 120; ++call) {
         std::vector<std::size_t> counts(n);
@@ -368,26 +353,24 @@ TEST(Handles, ManyCallsTakeWhatSingleCallsTake)
             counts[i] = std::min(frames * static_cast<std::size_t>(channels[i]), shorts[i].size() - at[i]);
             s[i] = counts[i] ? shorts[i].data() + at[i] : nullptr;
             f[i] = counts[i] ? floats[i].data() + at[i] : nullptr;
-            ASSERT_EQ(OKU_OK, oku_vad_process(vads[1][i], s[i], counts[i]));
-            ASSERT_EQ(OKU_OK, oku_vad_process_f32(vads[3][i], f[i], counts[i]));
-            ASSERT_EQ(OKU_OK, oku_agc_process(agcs[1][i], s[i], counts[i], gains[1][i], &gains[1][i]));
-            ASSERT_EQ(OKU_OK, oku_agc_process_f32(agcs[3][i], f[i], counts[i], gains[3][i], &gains[3][i]));
+            ASSERT_EQ(OKU_OK, oku_vad_process(vads[0][i], s[i], counts[i]));
+            ASSERT_EQ(OKU_OK, oku_agc_process(agcs[0][i], s[i], counts[i], gains[0][i], &gains[0][i]));
             at[i] += counts[i];
         }
-        ASSERT_EQ(OKU_OK, oku_vad_process_many(vads[0].data(), s.data(), counts.data(), n));
+        ASSERT_EQ(OKU_OK, oku_vad_process_many(vads[1].data(), s.data(), counts.data(), n));
         ASSERT_EQ(OKU_OK, oku_vad_process_many_f32(vads[2].data(), f.data(), counts.data(), n));
-        ASSERT_EQ(OKU_OK, oku_agc_process_many(agcs[0].data(), s.data(), counts.data(), gains[0].data(), gains[0].data(), n));
+        ASSERT_EQ(OKU_OK, oku_agc_process_many(agcs[1].data(), s.data(), counts.data(), gains[1].data(), gains[1].data(), n));
         ASSERT_EQ(OKU_OK, oku_agc_process_many_f32(agcs[2].data(), f.data(), counts.data(), gains[2].data(), gains[2].data(), n));
-        for (int k = 0; k < 4; ++k)
+        for (int k = 0; k < 3; ++k)
             for (std::size_t i = 0; i < n; ++i)
                 Take(vads[k][i], taken[k][i]);
-        for (int k = 0; k < 4; k += 2) {
-            ASSERT_EQ(gains[k + 1], gains[k]) << "call " << call;
+        for (int k = 1; k < 3; ++k) {
+            ASSERT_EQ(gains[0], gains[k]) << "call " << call;
             for (std::size_t i = 0; i < n; ++i) {
-                ASSERT_EQ(taken[k + 1][i].text, taken[k][i].text) << "call " << call << " handle " << i;
+                ASSERT_EQ(taken[0][i].text, taken[k][i].text) << "call " << call << " handle " << i;
                 oku_agc_decision a, b;
-                oku_agc_info(agcs[k][i], &a);
-                oku_agc_info(agcs[k + 1][i], &b);
+                oku_agc_info(agcs[0][i], &a);
+                oku_agc_info(agcs[k][i], &b);
                 ASSERT_EQ(0, std::memcmp(&a, &b, sizeof a)) << "call " << call << " handle " << i;
             }
         }
@@ -396,7 +379,7 @@ TEST(Handles, ManyCallsTakeWhatSingleCallsTake)
         EXPECT_EQ(2u, taken[0][i].segments.size()) << i;  // the audio held speech
     EXPECT_EQ(OKU_OK, oku_vad_process_many(nullptr, nullptr, nullptr, 0));
     EXPECT_EQ(OKU_OK, oku_agc_process_many(nullptr, nullptr, nullptr, nullptr, nullptr, 0));
-    for (int k = 0; k < 4; ++k)
+    for (int k = 0; k < 3; ++k)
         for (std::size_t i = 0; i < n; ++i) {
             oku_vad_destroy(vads[k][i]);
             oku_agc_destroy(agcs[k][i]);
@@ -458,14 +441,21 @@ TEST(Threads, SixteenHandlesOnEightThreadsMatchASerialRun)
 
 TEST(Input, EveryRateFindsTheSpeechWhereItIs)
 {
+    // At every input rate the speech as 16-bit samples in one channel and as
+    // floats copied into two (into seven too at 44.1 kHz) gives one answer.
     std::size_t count = 0;
     const int* rates = oku_input_rates(&count);
     ASSERT_EQ(14u, count);
     for (std::size_t i = 0; i < count; ++i) {
         const int rate = rates[i];
         SCOPED_TRACE(rate);
-        const std::vector<float> speech = Speech<float>(rate, 2);
-        const Taken run = Analyse(rate, 2, speech);
+        const std::vector<short> speech = Speech<short>(rate, 1);
+        const Taken run = Analyse(rate, 1, speech);
+        EXPECT_EQ(run.text, Analyse(rate, 2, Speech<float>(rate, 2)).text);
+        if (rate == 44100) {
+            EXPECT_EQ(run.text, Analyse(rate, 7, Speech<short>(rate, 7)).text);
+            EXPECT_EQ(run.text, Analyse(rate, 7, Speech<float>(rate, 7)).text);
+        }
         ASSERT_EQ(2u, run.segments.size());
         const double onsets[] = {1000, 3700}, offsets[] = {2500, 4500};
         for (std::size_t k = 0; k < 2; ++k) {
@@ -478,7 +468,7 @@ TEST(Input, EveryRateFindsTheSpeechWhereItIs)
             EXPECT_EQ(std::llround(s.end_ms * rate / 1000), s.end);
         }
         for (const oku_vad_result& r : run.results)
-            EXPECT_LE(r.position, static_cast<long long>(speech.size() / 2));
+            EXPECT_LE(r.position, static_cast<long long>(speech.size()));
         // The analysis rate is an input rate of its own; converting adds at most 7 ms of delay.
         const int analysed = oku_analysis_rate(rate);
         EXPECT_EQ(1, oku_rate_supported(analysed));
@@ -492,20 +482,6 @@ TEST(Input, EveryRateFindsTheSpeechWhereItIs)
     for (const auto& r : rule)
         EXPECT_EQ(r[1], oku_analysis_rate(r[0]));
     EXPECT_EQ(0, oku_analysis_rate(48000.5));
-}
-
-TEST(Input, SamplesAndChannelsGiveOneAnswer)
-{
-    // The same audio as 16-bit and float, in one channel and copied into several: the same results.
-    for (int rate : {16000, 44100, 48000}) {
-        SCOPED_TRACE(rate);
-        const Taken reference = Analyse(rate, 1, Speech<short>(rate, 1));
-        ASSERT_EQ(2u, reference.segments.size());
-        for (int channels : {1, 2, 7}) {
-            EXPECT_EQ(reference.text, Analyse(rate, channels, Speech<short>(rate, channels)).text) << channels;
-            EXPECT_EQ(reference.text, Analyse(rate, channels, Speech<float>(rate, channels)).text) << channels;
-        }
-    }
 }
 
 TEST(Input, NonFiniteSamplesAreSilenceAndCounted)
@@ -535,8 +511,9 @@ TEST(Input, LongSegmentsSplitIntoEqualPieces)
 {
     oku_vad* vad = nullptr;
     ASSERT_EQ(OKU_OK, oku_vad_open(48000, 2, nullptr, 0, &vad));
-    // 10 s and one frame in pieces of at most 4 s: three, of 160000 or 160001 frames.
-    const oku_vad_segment segment{48000, 48000 + 480001, 1000.0, 11000.02};
+    // 10 s and one frame in pieces of at most 4 s: three, of 160000 or 160001
+    // frames; exactly the limit comes back whole.
+    const oku_vad_segment segment{48000, 48000 + 480001, 1000.0, 11000.02}, four{0, 192000, 0.0, 4000.0};
     oku_vad_segment pieces[3];
     std::size_t n = 0;
     ASSERT_EQ(OKU_OK, oku_vad_split(vad, &segment, 4000.0, nullptr, 0, &n));
@@ -546,8 +523,6 @@ TEST(Input, LongSegmentsSplitIntoEqualPieces)
     EXPECT_TRUE(pieces[1].start == pieces[0].end && pieces[1].end == 48000 + 320000);
     EXPECT_EQ((48000 + 320000) / 48.0, pieces[1].end_ms);
     EXPECT_TRUE(pieces[2].end == segment.end && pieces[2].end_ms == segment.end_ms);
-    // Exactly the limit: whole.
-    const oku_vad_segment four{0, 192000, 0.0, 4000.0};
     ASSERT_EQ(OKU_OK, oku_vad_split(vad, &four, 4000.0, pieces, 3, &n));
     EXPECT_TRUE(n == 1 && pieces[0].end == 192000);
     oku_vad_destroy(vad);
@@ -611,13 +586,11 @@ TEST(Refusals, NameTheCulpritAndChangeNothing)
         {OKU_ERR_ARGUMENT, nullptr, [&] { return oku_vad_open(48000, 1, nullptr, 2, &out); }},
         {OKU_ERR_ARGUMENT, nullptr, [&] { return oku_agc_open(48000, 1, nullptr, 1, &agcOut); }},
         {OKU_ERR_ARGUMENT, "channels must lie in 1 to 64", [&] { return oku_vad_open(48000, 0, nullptr, 0, &out); }},
-        {OKU_ERR_ARGUMENT, "channels must lie in 1 to 64", [&] { return oku_vad_open(48000, -1, nullptr, 0, &out); }},
         {OKU_ERR_ARGUMENT, "channels must lie in 1 to 64", [&] { return oku_agc_open(48000, OKU_MAX_CHANNELS + 1, nullptr, 0, &agcOut); }},
         // the analyzer's calls
         {OKU_ERR_NULL, "vad is null", [&] { return oku_vad_process(nullptr, nullptr, 0); }},
         {OKU_ERR_NULL, "samples is null", [&] { return oku_vad_process(vad, nullptr, 4); }},
-        {OKU_ERR_ARGUMENT, "sample count larger than any array", [&] { return oku_vad_process(vad, s, SIZE_MAX); }},
-        {OKU_ERR_ARGUMENT, nullptr, [&] { return oku_vad_process(vad, s, static_cast<std::size_t>(PTRDIFF_MAX) / 2 + 1); }},
+        {OKU_ERR_ARGUMENT, "sample count larger than any array", [&] { return oku_vad_process(vad, s, static_cast<std::size_t>(PTRDIFF_MAX) / 2 + 1); }},
         {OKU_ERR_ARGUMENT, nullptr, [&] { return oku_vad_process_f32(stereo, x, PTRDIFF_MAX / 2); }},
         {OKU_ERR_ARGUMENT, "the sample count (7) is not a whole number of frames of 2 channels", [&] { return oku_vad_process_f32(stereo, x, 7); }},
         {OKU_ERR_NULL, nullptr, [&] { return oku_vad_process_f32(stereo, nullptr, 2); }},
