@@ -4,8 +4,10 @@
 #define OKU_TESTS_SIGNALS_H
 
 #include <cmath>
+#include <functional>
 #include <numeric>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,6 +31,23 @@ inline oku::AudioData Tone(const std::vector<std::pair<int, double>>& steps, dou
             out.push_back(static_cast<short>(std::lround(step.second * std::sin(w * static_cast<double>(n)))));
     }
     return out;
+}
+
+// Quiet (about 29.5 dB) for `s` frames, loud (76 dB) up to frame `e`, quiet for `tail` more.
+inline oku::AudioData Burst(int s, int e, int tail, double rate)
+{
+    return Tone({{s, 47.0}, {e - s, 10000.0}, {tail, 47.0}}, rate, static_cast<int>(rate / 50));
+}
+
+// The message of the std::invalid_argument f throws, or "" when it throws none.
+inline std::string Refusal(const std::function<void()>& f)
+{
+    try {
+        f();
+    } catch (const std::invalid_argument& e) {
+        return e.what();
+    }
+    return "";
 }
 
 inline oku::AudioData Slice(const oku::AudioData& a, std::size_t from, std::size_t count)
