@@ -27,10 +27,7 @@ namespace {
 const double kNative[] = {8000.0, 11025.0, 16000.0, 22050.0};
 
 // Quiet, loud from frame 100 to 149, quiet again: speech from frame 93 to 164 by the frame rules.
-oku::AudioData Burst(double rate)
-{
-    return testsig::Tone({{100, 47.0}, {50, 10000.0}, {60, 47.0}}, rate, static_cast<int>(rate / 50));
-}
+oku::AudioData Burst(double rate) { return testsig::Burst(100, 150, 60, rate); }
 
 // Two voiced bursts over a faint floor: speech from 1.0 to 2.5 s and from 3.7 to 4.5 s, as floats
 // that are exactly 16-bit samples, copied to every channel.
@@ -443,6 +440,8 @@ TEST(Input, EveryRateFindsTheSpeechWhereItIs)
 {
     // At every input rate the speech as 16-bit samples in one channel and as
     // floats copied into two (into seven too at 44.1 kHz) gives one answer.
+    // (The golden files pin the answers; python/tests checks segments against
+    // the timing rules at converted rates.)
     std::size_t count = 0;
     const int* rates = oku_input_rates(&count);
     ASSERT_EQ(14u, count);
@@ -456,20 +455,14 @@ TEST(Input, EveryRateFindsTheSpeechWhereItIs)
             EXPECT_EQ(run.text, Analyse(rate, 7, Speech<short>(rate, 7)).text);
             EXPECT_EQ(run.text, Analyse(rate, 7, Speech<float>(rate, 7)).text);
         }
+        // Two segments, their positions in input frames of the run.
         ASSERT_EQ(2u, run.segments.size());
-        const double onsets[] = {1000, 3700}, offsets[] = {2500, 4500};
-        for (std::size_t k = 0; k < 2; ++k) {
-            // A segment starts a little before its sound and ends after the
-            // end-of-speech timeout; positions are input frames of the run.
-            const oku_vad_segment& s = run.segments[k];
-            EXPECT_TRUE(s.start_ms >= onsets[k] - 200 && s.start_ms <= onsets[k]) << s.start_ms;
-            EXPECT_TRUE(s.end_ms >= offsets[k] && s.end_ms <= offsets[k] + 600) << s.end_ms;
-            EXPECT_EQ(std::llround(s.start_ms * rate / 1000), s.start);
-            EXPECT_EQ(std::llround(s.end_ms * rate / 1000), s.end);
-        }
+        for (const oku_vad_segment& s : run.segments)
+            EXPECT_TRUE(std::llround(s.start_ms * rate / 1000) == s.start && std::llround(s.end_ms * rate / 1000) == s.end);
         for (const oku_vad_result& r : run.results)
             EXPECT_LE(r.position, static_cast<long long>(speech.size()));
-        // The analysis rate is an input rate of its own; converting adds at most 7 ms of delay.
+        // The analysis rate (the golden files name it) is an input rate of its
+        // own; converting adds at most 7 ms of delay.
         const int analysed = oku_analysis_rate(rate);
         EXPECT_EQ(1, oku_rate_supported(analysed));
         double native = 0, converted = 0;
@@ -477,11 +470,7 @@ TEST(Input, EveryRateFindsTheSpeechWhereItIs)
         ASSERT_EQ(OKU_OK, oku_vad_delay(rate, nullptr, &converted));
         EXPECT_TRUE(converted - native >= (rate == analysed ? 0.0 : 0.5) && converted - native < 7.0);
     }
-    // The rule: 48000 by 3, 44100 by 2, 24000 by 2:3, 12000 to 8000; only listed rates.
-    const int rule[][2] = {{48000, 16000}, {44100, 22050}, {24000, 16000}, {12000, 8000}, {22050, 22050}};
-    for (const auto& r : rule)
-        EXPECT_EQ(r[1], oku_analysis_rate(r[0]));
-    EXPECT_EQ(0, oku_analysis_rate(48000.5));
+    EXPECT_EQ(0, oku_analysis_rate(48000.5));  // only listed rates
 }
 
 TEST(Input, NonFiniteSamplesAreSilenceAndCounted)
@@ -509,15 +498,15 @@ TEST(Input, NonFiniteSamplesAreSilenceAndCounted)
 
 TEST(Input, LongSegmentsSplitIntoEqualPieces)
 {
+    // 10 s and one frame in pieces of at most 4 s: three, of 160000 or 160001
+    // frames; exactly the limit comes back whole. (The command's tests check
+    // the rule on every piece it cuts.)
     oku_vad* vad = nullptr;
     ASSERT_EQ(OKU_OK, oku_vad_open(48000, 2, nullptr, 0, &vad));
-    // 10 s and one frame in pieces of at most 4 s: three, of 160000 or 160001
-    // frames; exactly the limit comes back whole.
     const oku_vad_segment segment{48000, 48000 + 480001, 1000.0, 11000.02}, four{0, 192000, 0.0, 4000.0};
     oku_vad_segment pieces[3];
     std::size_t n = 0;
-    ASSERT_EQ(OKU_OK, oku_vad_split(vad, &segment, 4000.0, nullptr, 0, &n));
-    EXPECT_EQ(3u, n);
+    ASSERT_TRUE(oku_vad_split(vad, &segment, 4000.0, nullptr, 0, &n) == OKU_OK && n == 3);
     ASSERT_EQ(OKU_OK, oku_vad_split(vad, &segment, 4000.0, pieces, 3, &n));
     EXPECT_TRUE(pieces[0].start == 48000 && pieces[0].start_ms == 1000.0 && pieces[0].end == 48000 + 160000);
     EXPECT_TRUE(pieces[1].start == pieces[0].end && pieces[1].end == 48000 + 320000);
