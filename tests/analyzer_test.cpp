@@ -224,7 +224,7 @@ TEST(EnergyHistogram, LevelsAndThresholdsFollowTheRules)
         {"", {{30.5, 1}, {45.25, 38}, {60.5, 1}}, true, 30, 30, 46, 39},  // 30 + 16; 30 + 0.3 x 30
         {"", {{15.5, 1}, {17.75, 38}, {20.5, 1}}, true, 15, 5, 31, 24},   // 15 + 16; 21 lifted to 24
         {"", {{60.5, 1}, {75.25, 38}, {90.5, 1}}, true, 60, 30, 70, 69},  // 76 held at 70; 60 + 0.3 x 30
-        {"ThresholdLowerLimit=50;ThresholdUpperLimit=40", {{20.0, 40}}, true, 20, 0, 50, 50},  // the lower first
+        {"ThresholdLowerLimit=50;ThresholdUpperLimit=40", {{30.0, 40}}, true, 30, 0, 50, 50},  // 46: the lower first
         {"ThresholdLowerLimit=50;ThresholdUpperLimit=40", {{60.0, 40}}, true, 60, 0, 40, 40},
         {"CutoffFraction=0", {{40.0, 100}}, true, 0, 99, kNone, kNone},   // a limit of 0: the ends of the scale
         {"CutoffFraction=2", {{40.0, 100}}, true, 100, -100, kNone, kNone},  // beyond the count: none found
@@ -416,12 +416,13 @@ TEST(VolumeMeter, AssessmentsFollowTheirLevelsAndWindows)
     const auto l = Feed(loud, peak).meters;
     EXPECT_TRUE(l[59]->GetInfo() == Meter::OK && l[60]->GetInfo() == Meter::TooLoud);
     EXPECT_EQ(Meter::OK, Feed(aligned, peak).meters[60]->GetInfo());
-    // Too noisy: 100 quiet frames, then a steady tone at -14 dBFS. With a ring of
+    // Too noisy: 100 quiet frames, then a steady tone at -20 dBFS whose frames
+    // (66.5 dB) put the noise level 0.7 dB over -25 dBFS. With a ring of
     // 100 and a limit of 8 the noise level jumps once fewer than 8 quiet frames
     // remain (after 93 loud ones), recomputed at the next fifth: the 95th. With
     // a ring of 50 (limit 4): after 47, recomputed at 50. Settings do not
     // accumulate: an empty string brings the ring of 100 back.
-    const AudioData noisy = testsig::Tone({{100, 47.0}, {120, 6000.0}}, 16000.0, 320);
+    const AudioData noisy = testsig::Tone({{100, 47.0}, {120, 3334.0}}, 16000.0, 320);
     const struct {
         const char* params;
         bool reset;
